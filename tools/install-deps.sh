@@ -1,0 +1,29 @@
+#!/usr/bin/env bash
+# Installs, with apt-get, everything the build, the tests and the demo need on
+# Debian 12. Safe to run again; does nothing when all packages are present.
+set -euo pipefail
+
+packages=(
+    build-essential cmake ninja-build pkg-config git
+    qtbase5-dev qttools5-dev-tools libqt5svg5-dev
+    libsqlite3-dev sqlite3 libicu-dev
+    clang libclang-rt-14-dev
+    xvfb xauth x11-utils trayer xdotool imagemagick librsvg2-bin
+    nginx-light tinyproxy curl procps psmisc
+)
+
+missing=()
+for p in "${packages[@]}"; do
+    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+if [ ${#missing[@]} -eq 0 ]; then
+    exit 0
+fi
+
+sudo=()
+if [ "$(id -u)" -ne 0 ]; then
+    sudo=(sudo)
+fi
+export DEBIAN_FRONTEND=noninteractive
+"${sudo[@]}" apt-get update
+"${sudo[@]}" apt-get install -y --no-install-recommends "${missing[@]}"
