@@ -9,7 +9,7 @@ packages=(
     libsqlite3-dev sqlite3 libicu-dev
     clang libclang-rt-14-dev
     xvfb xauth x11-utils trayer xdotool imagemagick librsvg2-bin
-    nginx-light tinyproxy curl procps psmisc
+    nginx-light tinyproxy curl procps psmisc python3
 )
 
 missing=()
