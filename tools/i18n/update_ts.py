@@ -15,8 +15,9 @@ import sys
 import strtab_io
 
 
-def update(code, texts):
-    path = strtab_io.ts_path(code)
+def update(code, texts, texts_dir=strtab_io.TEXTS_DIR):
+    """Rewrites <code>.ts; returns (texts translated, sources dropped)."""
+    path = strtab_io.ts_path(code, texts_dir)
     old = strtab_io.existing_translations(path)
     current = set(texts)
     dropped = [src for src in old if src not in current]
