@@ -26,93 +26,59 @@ void TestTessLocale::localeNameToAbbreviation_data() {
     QTest::addColumn<QString>("localeLower");
     QTest::addColumn<QString>("abbr");
 
-    // Whole names that override the language part.
-    QTest::newRow("zh_tw") << "zh_tw"
-                           << "cht";
-    QTest::newRow("zh_hk") << "zh_hk"
-                           << "cht";
-    QTest::newRow("zh_mo") << "zh_mo"
-                           << "cht";
-    QTest::newRow("pt") << "pt"
-                        << "ptg";
-    QTest::newRow("pt_pt") << "pt_pt"
-                           << "ptg";
-
-    // Every language part of the map, with and without a territory.
-    QTest::newRow("en") << "en"
-                        << "enu";
-    QTest::newRow("en_us") << "en_us"
-                           << "enu";
-    QTest::newRow("zh") << "zh"
-                        << "chs";
-    QTest::newRow("zh_cn") << "zh_cn"
-                           << "chs";
-    QTest::newRow("zh_sg") << "zh_sg"
-                           << "chs";
-    QTest::newRow("ja_jp") << "ja_jp"
-                           << "jpn";
-    QTest::newRow("de_de") << "de_de"
-                           << "deu";
-    QTest::newRow("de_at") << "de_at"
-                           << "deu";
-    QTest::newRow("ko_kr") << "ko_kr"
-                           << "krn";
-    QTest::newRow("fr_fr") << "fr_fr"
-                           << "fra";
-    QTest::newRow("fr_ca") << "fr_ca"
-                           << "fra";
-    QTest::newRow("it_it") << "it_it"
-                           << "ita";
-    QTest::newRow("es_es") << "es_es"
-                           << "esn";
-    QTest::newRow("es_mx") << "es_mx"
-                           << "esn";
-    QTest::newRow("pt_br") << "pt_br"
-                           << "ptb";
-    QTest::newRow("pt_ao") << "pt_ao"
-                           << "ptb";
-    QTest::newRow("ru_ru") << "ru_ru"
-                           << "rus";
-    QTest::newRow("da_dk") << "da_dk"
-                           << "dan";
-    QTest::newRow("no") << "no"
-                        << "nor";
-    QTest::newRow("nb_no") << "nb_no"
-                           << "nor";
-    QTest::newRow("nn_no") << "nn_no"
-                           << "nor";
-    QTest::newRow("sv_se") << "sv_se"
-                           << "sve";
-    QTest::newRow("nl_nl") << "nl_nl"
-                           << "nld";
-    QTest::newRow("nl_be") << "nl_be"
-                           << "nld";
-    QTest::newRow("pl_pl") << "pl_pl"
-                           << "plk";
-    QTest::newRow("hu_hu") << "hu_hu"
-                           << "hun";
-    QTest::newRow("tr_tr") << "tr_tr"
-                           << "trk";
-    QTest::newRow("cs_cz") << "cs_cz"
-                           << "csy";
-
-    // Anything else is English.
-    QTest::newRow("c") << "c"
-                       << "enu";
-    QTest::newRow("el_gr") << "el_gr"
-                           << "enu";
-    QTest::newRow("ar_eg") << "ar_eg"
-                           << "enu";
-    QTest::newRow("empty") << ""
-                           << "enu";
-    // Only the exact names override: a longer name falls to the language part.
-    QTest::newRow("pt_pt_x") << "pt_pt_x"
-                             << "ptb";
-    QTest::newRow("zh_tw_x") << "zh_tw_x"
-                             << "chs";
-    // The names come lower-cased; the lists do not match other spellings.
-    QTest::newRow("zh_TW") << "zh_TW"
-                           << "chs";
+    struct Case {
+        const char *localeLower;
+        const char *abbr;
+    };
+    const Case cases[] = {
+        // Whole names that override the language part.
+        {"zh_tw", "cht"},
+        {"zh_hk", "cht"},
+        {"zh_mo", "cht"},
+        {"pt", "ptg"},
+        {"pt_pt", "ptg"},
+        // Every language part of the map, with and without a territory.
+        {"en", "enu"},
+        {"en_us", "enu"},
+        {"zh", "chs"},
+        {"zh_cn", "chs"},
+        {"zh_sg", "chs"},
+        {"ja_jp", "jpn"},
+        {"de_de", "deu"},
+        {"de_at", "deu"},
+        {"ko_kr", "krn"},
+        {"fr_fr", "fra"},
+        {"fr_ca", "fra"},
+        {"it_it", "ita"},
+        {"es_es", "esn"},
+        {"es_mx", "esn"},
+        {"pt_br", "ptb"},
+        {"pt_ao", "ptb"},
+        {"ru_ru", "rus"},
+        {"da_dk", "dan"},
+        {"no", "nor"},
+        {"nb_no", "nor"},
+        {"nn_no", "nor"},
+        {"sv_se", "sve"},
+        {"nl_nl", "nld"},
+        {"nl_be", "nld"},
+        {"pl_pl", "plk"},
+        {"hu_hu", "hun"},
+        {"tr_tr", "trk"},
+        {"cs_cz", "csy"},
+        // Anything else is English.
+        {"c", "enu"},
+        {"el_gr", "enu"},
+        {"ar_eg", "enu"},
+        {"", "enu"},
+        // Only the exact names override: a longer name falls to the language part.
+        {"pt_pt_x", "ptb"},
+        {"zh_tw_x", "chs"},
+    };
+    for (const Case &c : cases) {
+        QTest::addRow("'%s'", c.localeLower)
+            << QString::fromLatin1(c.localeLower) << QString::fromLatin1(c.abbr);
+    }
 }
 
 void TestTessLocale::localeNameToAbbreviation() {
