@@ -1,0 +1,105 @@
+#ifndef QUILLON_AUTOUPDATER_UPDATE_DOWNLOADER_H
+#define QUILLON_AUTOUPDATER_UPDATE_DOWNLOADER_H
+
+#include <QNetworkAccessManager>
+#include <QNetworkProxy>
+#include <QObject>
+#include <QString>
+
+class QFile;
+class QNetworkReply;
+class QNetworkRequest;
+class QTimer;
+
+// Downloads one file into "<save path>.download", resuming whatever an
+// earlier attempt left there with an open-ended "Range" request, and moves it
+// to the save path only once its MD5 digest matches the announced one.
+//
+// Network and proxy failures (a cut connection, a stall, an abort) keep the
+// temporary file so that the next download() continues it; HTTP refusals and
+// digest mismatches remove it so the next attempt starts from the beginning.
+// Results are only ever reported from the event loop, after download() has
+// returned: exactly one finished() or error() per download.
+class UpdateDownloader : public QObject {
+    Q_OBJECT
+
+public:
+    // The numeric values are the updater's exit statuses; the first six match
+    // UpdateQuerier::UpdateQuerierError.
+    enum UpdateDownloaderError {
+        NoError = 0,
+        NetworkError = 1,
+        ProxyError = 2,
+        HttpError = 3,
+        AppError = 4,
+        UnknownError = 5,
+        SysError = 6,
+    };
+    Q_ENUM(UpdateDownloaderError)
+
+    static const QString TEMP_EXT;
+    static const int DEFAULT_TIMEOUT = 120000;
+
+    explicit UpdateDownloader(QObject *parent = nullptr);
+
+    void download();
+
+    QString getDownloadUrl() const { return download_url; }
+    void setDownloadUrl(const QString &url) { download_url = url; }
+    QString getSavePath() const { return save_path; }
+    void setSavePath(const QString &path) { save_path = path; }
+    QString getExpectChecksum() const { return expect_checksum; }
+    void setExpectChecksum(const QString &checksum) { expect_checksum = checksum; }
+    int getTimeout() const { return timeout; }
+    void setTimeout(int msec) { timeout = msec; }
+
+    void setProxy(const QNetworkProxy &proxy);
+
+    // True when the MD5 digest of the file equals checksum (hexadecimal, any
+    // case). An empty checksum matches anything, without touching the file.
+    static bool isChecksumMatched(const QString &file_path, const QString &checksum);
+
+signals:
+    void finished();
+    void error(UpdateDownloader::UpdateDownloaderError code, QString reason);
+    void downloadProgress(qint64 bytes_received, qint64 bytes_total);
+
+public slots:
+    void abort();
+    void readyRead();
+    void downloadFinished();
+    // The manager's accessibility notification is deprecated but still
+    // delivered; losing the network must abort a transfer that would otherwise
+    // only end with the stall time-out.
+#ifndef Q_MOC_RUN // moc cannot parse the pragmas these expand to
+    QT_WARNING_PUSH
+    QT_WARNING_DISABLE_DEPRECATED
+#endif
+    void networkAccessibleChanged(QNetworkAccessManager::NetworkAccessibility accessible);
+#ifndef Q_MOC_RUN
+    QT_WARNING_POP
+#endif
+    void queryTimeout();
+    void adjustDownloadProgress(qint64 bytes_received, qint64 bytes_total);
+
+private:
+    bool openDownloadFile();
+    bool isResumeDownload();
+    void prepareResumeDownlaodRequest(QNetworkRequest &request);
+    void reset();
+
+    QNetworkAccessManager *manager;
+    QNetworkReply *reply;
+    QTimer *timer;
+    QString download_url;
+    QString save_path;
+    QFile *download_file;
+    QString expect_checksum;
+    // Bytes the temporary file held when it was opened: the resume offset.
+    qint64 file_size;
+    int timeout;
+    // Redirects followed so far by this object; never reset.
+    int max_redirect;
+};
+
+#endif
