@@ -1,0 +1,651 @@
+#include "update-downloader.h"
+
+#include "fake-http-server.h"
+#include "log-capture.h"
+#include "loopback-daemon.h"
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QNetworkProxy>
+#include <QRandomGenerator>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QUrlQuery>
+#include <QtTest>
+
+#include <memory>
+
+namespace {
+
+QByteArray randomBytes(int size, quint32 seed) {
+    QRandomGenerator generator(seed);
+    QByteArray bytes(size, Qt::Uninitialized);
+    for (int i = 0; i < size; ++i)
+        bytes[i] = static_cast<char>(generator.generate() & 0xff);
+    return bytes;
+}
+
+QString md5(const QByteArray &bytes) {
+    return QString::fromLatin1(QCryptographicHash::hash(bytes, QCryptographicHash::Md5).toHex());
+}
+
+QByteArray readFile(const QString &path) {
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return QByteArray("<unreadable>");
+    return file.readAll();
+}
+
+bool writeFile(const QString &path, const QByteArray &bytes) {
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) &&
+           file.write(bytes) == bytes.size();
+}
+
+UpdateDownloader::UpdateDownloaderError codeOf(const QSignalSpy &spy, int i = 0) {
+    return spy.at(i).at(0).value<UpdateDownloader::UpdateDownloaderError>();
+}
+
+class QueuedErrorRecorder : public QObject {
+    Q_OBJECT
+public:
+    QList<int> codes;
+public slots:
+    void record(UpdateDownloader::UpdateDownloaderError code, const QString &) { codes << code; }
+};
+
+} // namespace
+
+class TestUpdateDownloader : public QObject {
+    Q_OBJECT
+
+private slots:
+    void init();
+    void cleanup();
+
+    void resumeFromTemporaryFile_data();
+    void resumeFromTemporaryFile();
+    void interruptedTransferResumes_data();
+    void interruptedTransferResumes();
+    void failureKeepsOrRemovesTemporaryFile_data();
+    void failureKeepsOrRemovesTemporaryFile();
+    void networkLossAborts_data();
+    void networkLossAborts();
+    void digestDecidesTheRename_data();
+    void digestDecidesTheRename();
+    void isChecksumMatched_data();
+    void isChecksumMatched();
+    void temporaryFileCannotBeOpened_data();
+    void temporaryFileCannotBeOpened();
+    void abortWithNothingInFlightEmitsNothing();
+    void redirectsCountedOverLifetime_data();
+    void redirectsCountedOverLifetime();
+
+private:
+    QString path(const QString &name) const { return dir->filePath(name); }
+    std::unique_ptr<UpdateDownloader> makeDownloader(const QString &url, const QString &savePath,
+                                                     const QString &checksum) const;
+
+    std::unique_ptr<QTemporaryDir> dir;
+    std::unique_ptr<LogCapture> log;
+    std::unique_ptr<FakeHttpServer> server;
+};
+
+void TestUpdateDownloader::init() {
+    dir = std::make_unique<QTemporaryDir>();
+    QVERIFY(dir->isValid());
+    log = std::make_unique<LogCapture>();
+    QVERIFY(log->isValid());
+    server = std::make_unique<FakeHttpServer>();
+    QVERIFY(server->listen());
+}
+
+void TestUpdateDownloader::cleanup() {
+    server.reset();
+    log.reset();
+    dir.reset();
+}
+
+std::unique_ptr<UpdateDownloader>
+TestUpdateDownloader::makeDownloader(const QString &url, const QString &savePath,
+                                     const QString &checksum) const {
+    auto downloader = std::make_unique<UpdateDownloader>();
+    downloader->setProxy(QNetworkProxy(QNetworkProxy::NoProxy));
+    downloader->setDownloadUrl(url);
+    downloader->setExpectChecksum(checksum);
+    downloader->setSavePath(savePath);
+    return downloader;
+}
+
+void TestUpdateDownloader::resumeFromTemporaryFile_data() {
+    QTest::addColumn<int>("existing"); // bytes already in the temporary file; -1: no file
+    QTest::addColumn<bool>("lengthAnnounced");
+
+    QTest::newRow("no temporary file") << -1 << true;
+    QTest::newRow("1000 bytes are resumed") << 1000 << true;
+    QTest::newRow("empty temporary file is appended to") << 0 << true;
+    QTest::newRow("no temporary file, no length") << -1 << false;
+    QTest::newRow("1000 bytes, no length") << 1000 << false;
+}
+
+void TestUpdateDownloader::resumeFromTemporaryFile() {
+    QFETCH(int, existing);
+    QFETCH(bool, lengthAnnounced);
+
+    const QByteArray content = randomBytes(300 * 1024 + 17, 1);
+    HttpResponse response = HttpResponse::file(content).honourRange();
+    if (!lengthAnnounced)
+        response.withoutContentLength();
+    server->enqueue(response);
+
+    const QString savePath = path("qlln_0_updater.bin");
+    const QString tempPath = savePath + UpdateDownloader::TEMP_EXT;
+    QCOMPARE(tempPath, savePath + ".download");
+    if (existing >= 0)
+        QVERIFY(writeFile(tempPath, content.left(existing)));
+
+    auto downloader = makeDownloader(server->url("/files/updater.bin"), savePath, md5(content));
+    QSignalSpy finished(downloader.get(), &UpdateDownloader::finished);
+    QSignalSpy failed(downloader.get(), &UpdateDownloader::error);
+    QSignalSpy progress(downloader.get(), &UpdateDownloader::downloadProgress);
+    downloader->download();
+    if (!lengthAnnounced) {
+        // The body ends with the connection, once the client is reading it.
+        QTRY_VERIFY(QFileInfo(tempPath).size() > qMax(existing, 0));
+        server->cutConnections();
+    }
+    QVERIFY(finished.wait());
+    QCOMPARE(failed.count(), 0);
+
+    QCOMPARE(server->requestCount(), 1);
+    const HttpRequest request = server->requests().at(0);
+    QCOMPARE(request.path, QStringLiteral("/files/updater.bin"));
+    if (existing > 0)
+        QCOMPARE(request.header("Range"), QByteArray("bytes=1000-"));
+    else
+        QVERIFY(!request.hasHeader("Range"));
+    QCOMPARE(log->messages("DEBUG").contains("Resume download start from byte: 1000."),
+             existing > 0);
+
+    QCOMPARE(readFile(savePath), content);
+    QVERIFY(!QFileInfo::exists(tempPath));
+
+    // Progress covers the whole file: the resumed part plus what arrived. An
+    // unannounced length shows as a total of the resumed part minus one until
+    // the final report, where the network library counts what it received.
+    const qint64 resumed = qMax(existing, 0);
+    const qint64 total = lengthAnnounced ? content.size() : resumed - 1;
+    QVERIFY(!progress.isEmpty());
+    qint64 previous = resumed;
+    for (int i = 0; i < progress.size() - 1; ++i) {
+        const qint64 received = progress.at(i).at(0).toLongLong();
+        QVERIFY2(received >= previous, qPrintable(QString::number(received)));
+        QCOMPARE(progress.at(i).at(1).toLongLong(), total);
+        previous = received;
+    }
+    QCOMPARE(progress.last().at(0).toLongLong(), qint64(content.size()));
+    QCOMPARE(progress.last().at(1).toLongLong(), qint64(content.size()));
+}
+
+void TestUpdateDownloader::interruptedTransferResumes_data() {
+    QTest::addColumn<bool>("stall"); // else the connection is cut
+    QTest::addColumn<bool>("sameObject");
+
+    QTest::newRow("cut, resumed by the same object") << false << true;
+    QTest::newRow("cut, resumed by a new object") << false << false;
+    QTest::newRow("stall, resumed by the same object") << true << true;
+}
+
+void TestUpdateDownloader::interruptedTransferResumes() {
+    QFETCH(bool, stall);
+    QFETCH(bool, sameObject);
+
+    const QByteArray content = randomBytes(512 * 1024 + 3, 2);
+    server->enqueue(HttpResponse::file(content).honourRange().stallAfter(100000));
+    server->enqueue(HttpResponse::file(content).honourRange());
+
+    const QString url = server->url("/pack.zip");
+    const QString savePath = path("qlln_0_pack.zip");
+    const QString tempPath = savePath + ".download";
+    auto downloader = makeDownloader(url, savePath, md5(content));
+    if (stall)
+        downloader->setTimeout(300);
+    QSignalSpy failed(downloader.get(), &UpdateDownloader::error);
+    downloader->download();
+    if (!stall) {
+        QTRY_VERIFY(QFileInfo(tempPath).size() > 0);
+        server->cutConnections();
+    }
+    QVERIFY(failed.wait());
+    QCOMPARE(codeOf(failed), UpdateDownloader::NetworkError);
+    QCOMPARE(failed.at(0).at(1).toString(), QStringLiteral("Download failed since network error"));
+
+    // What arrived is kept for the next attempt, and nothing is at the save path.
+    const QByteArray partial = readFile(tempPath);
+    QVERIFY(!partial.isEmpty() && partial.size() <= 100000 && content.startsWith(partial));
+    QVERIFY(!QFileInfo::exists(savePath));
+    const QStringList errors = log->messages("ERROR");
+    if (stall) {
+        QCOMPARE(errors.size(), 2);
+        QCOMPARE(errors.at(0), "Fail to download file '" + url + "'. (reason: timeout)");
+        QVERIFY2(errors.at(1).startsWith(
+                     QStringLiteral("Fail to download file. (code: %1, reason: network error. ")
+                         .arg(int(QNetworkReply::OperationCanceledError))),
+                 qPrintable(errors.at(1)));
+        QVERIFY(log->messages("DEBUG").contains("Abort request."));
+    } else {
+        QCOMPARE(errors.size(), 1);
+        QVERIFY2(errors.at(0).startsWith(
+                     QStringLiteral("Fail to download file. (code: %1, reason: network error. ")
+                         .arg(int(QNetworkReply::RemoteHostClosedError))),
+                 qPrintable(errors.at(0)));
+    }
+
+    if (!sameObject)
+        downloader = makeDownloader(url, savePath, md5(content));
+    QSignalSpy finished(downloader.get(), &UpdateDownloader::finished);
+    downloader->download();
+    QVERIFY(finished.wait());
+    QCOMPARE(server->requestCount(), 2);
+    QCOMPARE(server->requests().at(1).header("Range"),
+             QByteArray("bytes=") + QByteArray::number(partial.size()) + "-");
+    QCOMPARE(readFile(savePath), content);
+    QVERIFY(!QFileInfo::exists(tempPath));
+}
+
+void TestUpdateDownloader::failureKeepsOrRemovesTemporaryFile_data() {
+    QTest::addColumn<QString>("fault");
+    QTest::addColumn<QString>("proxy"); // "none": NoProxy set; "unset": never set; "server"
+    QTest::addColumn<int>("code");
+    QTest::addColumn<QString>("reason");
+    QTest::addColumn<bool>("kept");
+    QTest::addColumn<QString>("logged");
+
+    const int network = UpdateDownloader::NetworkError;
+    const QString networkReason = "Download failed since network error";
+    const QString httpReason = "Download failed since http error";
+    QTest::newRow("refused keeps") << "refused"
+                                   << "none" << network << networkReason << true
+                                   << "Fail to download file. (code: 1, reason: network error. ";
+    QTest::newRow("stall keeps") << "stall"
+                                 << "none" << network << networkReason << true
+                                 << "Fail to download file. (code: 5, reason: network error. ";
+    QTest::newRow("stall, proxy never set, keeps")
+        << "stall"
+        << "unset" << int(UpdateDownloader::ProxyError) << "Download failed since proxy error"
+        << true << "Fail to download file. (code: 5, reason: proxy error. ";
+    QTest::newRow("proxy demands credentials, keeps")
+        << "407"
+        << "server" << int(UpdateDownloader::ProxyError) << "Download failed since proxy error"
+        << true << "Fail to download file. (code: 105, reason: proxy error. ";
+    QTest::newRow("404 removes") << "404"
+                                 << "none" << int(UpdateDownloader::HttpError) << httpReason
+                                 << false
+                                 << "Fail to download file. (code: 203, reason: HTTP error. ";
+    QTest::newRow("500 removes") << "500"
+                                 << "none" << int(UpdateDownloader::HttpError) << httpReason
+                                 << false
+                                 << "Fail to download file. (code: 401, reason: HTTP error. ";
+    QTest::newRow("503 removes") << "503"
+                                 << "unset" << int(UpdateDownloader::HttpError) << httpReason
+                                 << false
+                                 << "Fail to download file. (code: 403, reason: HTTP error. ";
+    QTest::newRow("range past the end removes")
+        << "416"
+        << "none" << int(UpdateDownloader::HttpError) << httpReason << false
+        << "Fail to download file. (code: 299, reason: HTTP error. ";
+    QTest::newRow("unknown scheme removes")
+        << "scheme"
+        << "none" << int(UpdateDownloader::UnknownError) << "Download failed since unknown error"
+        << false << "Fail to download file. (code: 301, reason: unkonwn error. ";
+}
+
+void TestUpdateDownloader::failureKeepsOrRemovesTemporaryFile() {
+    QFETCH(QString, fault);
+    QFETCH(QString, proxy);
+    QFETCH(int, code);
+    QFETCH(QString, reason);
+    QFETCH(bool, kept);
+    QFETCH(QString, logged);
+
+    const QByteArray content = randomBytes(64 * 1024, 3);
+    QString url = server->url("/updater.bin");
+    int status = 0;
+    if (fault == "refused") {
+        const quint16 port = pickFreePort();
+        QVERIFY(port != 0);
+        url = QStringLiteral("http://127.0.0.1:%1/updater.bin").arg(port);
+    } else if (fault == "scheme") {
+        url = "qlln://127.0.0.1/updater.bin";
+    } else if (fault == "stall") {
+        server->enqueue(HttpResponse::file(content).honourRange().stallAfter(2000));
+    } else if (fault == "416") {
+        // The temporary file already holds more than the server has.
+        status = 416;
+        server->enqueue(HttpResponse::file(content.left(500)).honourRange());
+    } else {
+        status = fault.toInt();
+        server->enqueue(HttpResponse::withStatus(status, "<html>refused</html>"));
+    }
+
+    const QString savePath = path("qlln_0_updater.bin");
+    const QString tempPath = savePath + ".download";
+    QVERIFY(writeFile(tempPath, content.left(1000)));
+    auto downloader = std::make_unique<UpdateDownloader>();
+    downloader->setDownloadUrl(url);
+    downloader->setExpectChecksum(md5(content));
+    downloader->setSavePath(savePath);
+    if (proxy == "none")
+        downloader->setProxy(QNetworkProxy(QNetworkProxy::NoProxy));
+    else if (proxy == "server")
+        downloader->setProxy(QNetworkProxy(QNetworkProxy::HttpProxy, "127.0.0.1", server->port()));
+    downloader->setTimeout(300);
+    QSignalSpy finished(downloader.get(), &UpdateDownloader::finished);
+    QSignalSpy failed(downloader.get(), &UpdateDownloader::error);
+    QueuedErrorRecorder recorder;
+    QVERIFY(connect(downloader.get(),
+                    SIGNAL(error(UpdateDownloader::UpdateDownloaderError, QString)), &recorder,
+                    SLOT(record(UpdateDownloader::UpdateDownloaderError, QString)),
+                    Qt::QueuedConnection));
+
+    downloader->download();
+    QCOMPARE(failed.count(), 0);
+    QTRY_COMPARE(failed.count(), 1);
+    QCOMPARE(finished.count(), 0);
+    QCOMPARE(int(codeOf(failed)), code);
+    QCOMPARE(failed.at(0).at(1).toString(), reason);
+    QTRY_COMPARE(recorder.codes, QList<int>{code});
+
+    QCOMPARE(QFileInfo::exists(tempPath), kept);
+    if (kept && fault == "stall") {
+        QCOMPARE(readFile(tempPath), content.left(3000));
+    } else if (kept) {
+        // Whatever the reply carried is appended unexamined (a proxy's refusal
+        // page, say); the digest check of a later attempt is the guard.
+        QVERIFY(readFile(tempPath).startsWith(content.left(1000)));
+    }
+    QVERIFY(!QFileInfo::exists(savePath));
+
+    const QStringList errors = log->messages("ERROR");
+    QVERIFY(!errors.isEmpty());
+    QVERIFY2(errors.last().startsWith(logged), qPrintable(errors.last()));
+    if (logged.contains("HTTP error")) {
+        QVERIFY2(errors.last().endsWith(QStringLiteral(", HTTP status code: %1)").arg(status)),
+                 qPrintable(errors.last()));
+    }
+}
+
+QT_WARNING_PUSH
+QT_WARNING_DISABLE_DEPRECATED
+void TestUpdateDownloader::networkLossAborts_data() {
+    QTest::addColumn<QNetworkAccessManager::NetworkAccessibility>("accessibility");
+    QTest::addColumn<bool>("aborts");
+
+    QTest::newRow("not accessible") << QNetworkAccessManager::NotAccessible << true;
+    QTest::newRow("unknown") << QNetworkAccessManager::UnknownAccessibility << true;
+    QTest::newRow("accessible again is ignored") << QNetworkAccessManager::Accessible << false;
+}
+
+void TestUpdateDownloader::networkLossAborts() {
+    QFETCH(QNetworkAccessManager::NetworkAccessibility, accessibility);
+    QFETCH(bool, aborts);
+
+    // Half the file, then the server waits for the test to decide.
+    const QByteArray content = randomBytes(128 * 1024, 4);
+    server->enqueue(HttpResponse::file(content).stallAfter(64 * 1024));
+    const QString url = server->url("/updater.bin");
+    const QString savePath = path("qlln_0_updater.bin");
+    auto downloader = makeDownloader(url, savePath, md5(content));
+    downloader->setTimeout(aborts ? 60000 : 500);
+    QSignalSpy failed(downloader.get(), &UpdateDownloader::error);
+    downloader->download();
+    QTRY_VERIFY(QFileInfo(savePath + ".download").size() > 0);
+
+    downloader->networkAccessibleChanged(accessibility);
+    QTRY_COMPARE(failed.count(), 1);
+    QCOMPARE(codeOf(failed), UpdateDownloader::NetworkError);
+    const QByteArray kept = readFile(savePath + ".download");
+    QVERIFY(!kept.isEmpty() && content.startsWith(kept));
+    const QStringList errors = log->messages("ERROR");
+    const QString lost = "Fail to download file '" + url + "'. (reason: network disconnected)";
+    const QString timeout = "Fail to download file '" + url + "'. (reason: timeout)";
+    // Only a real loss aborts; otherwise the stall time-out ends it later.
+    QCOMPARE(errors.first(), aborts ? lost : timeout);
+    QVERIFY(!errors.contains(aborts ? timeout : lost));
+}
+QT_WARNING_POP
+
+void TestUpdateDownloader::digestDecidesTheRename_data() {
+    QTest::addColumn<QString>("checksum"); // "<md5>", "<MD5>" for the served content's digest
+    QTest::addColumn<bool>("serverIgnoresRange");
+    QTest::addColumn<bool>("accepted");
+
+    QTest::newRow("lower-case digest") << "<md5>" << false << true;
+    QTest::newRow("upper-case digest") << "<MD5>" << false << true;
+    QTest::newRow("empty digest accepts anything") << "" << true << true;
+    QTest::newRow("wrong digest") << "0123456789abcdef0123456789abcdef" << false << false;
+    QTest::newRow("server ignores Range") << "<md5>" << true << false;
+}
+
+void TestUpdateDownloader::digestDecidesTheRename() {
+    QFETCH(QString, checksum);
+    QFETCH(bool, serverIgnoresRange);
+    QFETCH(bool, accepted);
+
+    const QByteArray content = randomBytes(200 * 1024, 5);
+    if (checksum == "<md5>")
+        checksum = md5(content);
+    else if (checksum == "<MD5>")
+        checksum = md5(content).toUpper();
+    HttpResponse response = HttpResponse::file(content);
+    if (!serverIgnoresRange)
+        response.honourRange();
+    server->enqueue(response);
+
+    // A previous, different file at the save path and a resumable start.
+    const QString savePath = path("qlln_0_updater.bin");
+    const QString tempPath = savePath + ".download";
+    const QByteArray previous = "an older updater";
+    QVERIFY(writeFile(savePath, previous));
+    QVERIFY(writeFile(tempPath, content.left(1000)));
+
+    auto downloader = makeDownloader(server->url("/updater.bin"), savePath, checksum);
+    QSignalSpy finished(downloader.get(), &UpdateDownloader::finished);
+    QSignalSpy failed(downloader.get(), &UpdateDownloader::error);
+    downloader->download();
+    QTRY_COMPARE(finished.count() + failed.count(), 1);
+    QCOMPARE(server->requests().at(0).header("Range"), QByteArray("bytes=1000-"));
+
+    const QByteArray received = serverIgnoresRange ? content.left(1000) + content : content;
+    if (accepted) {
+        QCOMPARE(finished.count(), 1);
+        QCOMPARE(readFile(savePath), received);
+    } else {
+        QCOMPARE(codeOf(failed), UpdateDownloader::SysError);
+        QCOMPARE(failed.at(0).at(1).toString(), QStringLiteral("File checksum not matched"));
+        QCOMPARE(readFile(savePath), previous);
+        QCOMPARE(log->messages("ERROR"),
+                 QStringList{"Fail to download file. (reason: checksum not matched)"});
+    }
+    // Either moved into place or discarded: never left behind to be resumed.
+    QVERIFY(!QFileInfo::exists(tempPath));
+}
+
+void TestUpdateDownloader::isChecksumMatched_data() {
+    QTest::addColumn<QByteArray>("content"); // null: no file at all
+    QTest::addColumn<QString>("checksum");
+    QTest::addColumn<bool>("matched");
+
+    const QByteArray big = randomBytes(3 * 1024 * 1024 + 7, 6);
+    QTest::newRow("empty checksum, no file") << QByteArray() << "" << true;
+    QTest::newRow("no file") << QByteArray() << "d41d8cd98f00b204e9800998ecf8427e" << false;
+    QTest::newRow("empty file") << QByteArray("") << "d41d8cd98f00b204e9800998ecf8427e" << true;
+    QTest::newRow("spans several chunks") << big << md5(big) << true;
+    QTest::newRow("mixed case") << big << md5(big).left(16).toUpper() + md5(big).mid(16) << true;
+    QTest::newRow("last byte differs")
+        << QByteArray(big).append('x') << md5(QByteArray(big).append('y')) << false;
+    QTest::newRow("digest of a prefix") << big << md5(big.left(1024 * 1024)) << false;
+}
+
+void TestUpdateDownloader::isChecksumMatched() {
+    QFETCH(QByteArray, content);
+    QFETCH(QString, checksum);
+    QFETCH(bool, matched);
+
+    const QString file = path("file.bin");
+    if (!content.isNull())
+        QVERIFY(writeFile(file, content));
+    QCOMPARE(UpdateDownloader::isChecksumMatched(file, checksum), matched);
+    const QStringList expectedLog = content.isNull() && !checksum.isEmpty()
+                                        ? QStringList{"Failed to open file for '" + file + "'."}
+                                        : QStringList();
+    QCOMPARE(log->messages("ERROR"), expectedLog);
+}
+
+void TestUpdateDownloader::temporaryFileCannotBeOpened_data() {
+    QTest::addColumn<QString>("layout");
+    QTest::addColumn<QString>("mode");
+
+    // Permission bits do not stop root, so the failures are structural.
+    QTest::newRow("parent is a regular file") << "file-parent"
+                                              << "write only";
+    QTest::newRow("parent does not exist") << "missing-parent"
+                                           << "write only";
+    QTest::newRow("temporary path is a directory") << "directory"
+                                                   << "append";
+}
+
+void TestUpdateDownloader::temporaryFileCannotBeOpened() {
+    QFETCH(QString, layout);
+    QFETCH(QString, mode);
+
+    QString savePath;
+    if (layout == "file-parent") {
+        QVERIFY(writeFile(path("plain"), "not a folder"));
+        savePath = path("plain/qlln_0_updater.bin");
+    } else if (layout == "missing-parent") {
+        savePath = path("missing/qlln_0_updater.bin");
+    } else {
+        savePath = path("qlln_0_updater.bin");
+        QVERIFY(QDir().mkdir(savePath + ".download"));
+    }
+    server->setHandler([](const HttpRequest &) { return HttpResponse::file("x"); });
+
+    auto downloader = makeDownloader(server->url("/updater.bin"), savePath, QString());
+    QSignalSpy finished(downloader.get(), &UpdateDownloader::finished);
+    QSignalSpy failed(downloader.get(), &UpdateDownloader::error);
+    downloader->download();
+    // Delivered from the event loop, after download() has returned.
+    QCOMPARE(failed.count(), 0);
+    QVERIFY(failed.wait());
+    QCOMPARE(codeOf(failed), UpdateDownloader::SysError);
+    QCOMPARE(failed.at(0).at(1).toString(), "fail to open temp file in " + mode + " mode");
+    QCOMPARE(finished.count(), 0);
+    QCOMPARE(server->requestCount(), 0);
+
+    const QStringList errors = log->messages("ERROR");
+    QCOMPARE(errors.size(), 1);
+    const QString prefix =
+        "Fail to open temp file '" + savePath + ".download' in " + mode + " mode. (reason: ";
+    QVERIFY2(errors.at(0).startsWith(prefix) && errors.at(0).size() > prefix.size() + 1,
+             qPrintable(errors.at(0)));
+    if (layout == "directory")
+        QVERIFY(QFileInfo(savePath + ".download").isDir());
+}
+
+void TestUpdateDownloader::abortWithNothingInFlightEmitsNothing() {
+    const QByteArray content = randomBytes(4096, 7);
+    server->enqueue(HttpResponse::file(content));
+    const QString savePath = path("qlln_0_updater.bin");
+    auto downloader = makeDownloader(server->url("/updater.bin"), savePath, md5(content));
+    QSignalSpy finished(downloader.get(), &UpdateDownloader::finished);
+    QSignalSpy failed(downloader.get(), &UpdateDownloader::error);
+
+    // Before any download and after one has finished: nothing to abort, so no
+    // signal, queued or not, and the next download is unaffected.
+    downloader->abort();
+    downloader->download();
+    QVERIFY(finished.wait());
+    downloader->abort();
+    server->enqueue(HttpResponse::file(content));
+    QFile::remove(savePath);
+    downloader->download();
+    QVERIFY(finished.wait());
+
+    QCOMPARE(finished.count(), 2);
+    QCOMPARE(failed.count(), 0);
+    QCOMPARE(readFile(savePath), content);
+    QVERIFY(!log->messages("DEBUG").contains("Abort request."));
+}
+
+void TestUpdateDownloader::redirectsCountedOverLifetime_data() {
+    QTest::addColumn<QList<int>>("chains"); // redirects before the file, one download each
+    QTest::addColumn<bool>("absolute");
+    QTest::addColumn<bool>("lastSucceeds");
+
+    QTest::newRow("33 redirects are followed") << QList<int>{33} << true << true;
+    QTest::newRow("the 34th redirect fails") << QList<int>{34} << false << false;
+    QTest::newRow("two downloads share 33") << QList<int>{20, 13} << false << true;
+    QTest::newRow("second download hits the 34th") << QList<int>{20, 14} << true << false;
+}
+
+void TestUpdateDownloader::redirectsCountedOverLifetime() {
+    QFETCH(QList<int>, chains);
+    QFETCH(bool, absolute);
+    QFETCH(bool, lastSucceeds);
+
+    const QByteArray content = randomBytes(32 * 1024, 8);
+    FakeHttpServer &s = *server;
+    // "/chain/<n>": a redirect to "/chain/<n-1>" while n > 0, then the file.
+    server->setHandler([&s, &content, absolute](const HttpRequest &request) {
+        const int left = request.path.section(QLatin1Char('/'), 2).toInt();
+        if (left == 0)
+            return HttpResponse::file(content);
+        const QString next = QStringLiteral("/chain/%1").arg(left - 1);
+        return HttpResponse::redirect(absolute ? s.url(next).toUtf8() : next.toUtf8(), 301);
+    });
+
+    UpdateDownloader downloader;
+    downloader.setProxy(QNetworkProxy(QNetworkProxy::NoProxy));
+    downloader.setExpectChecksum(md5(content));
+    QSignalSpy finished(&downloader, &UpdateDownloader::finished);
+    QSignalSpy failed(&downloader, &UpdateDownloader::error);
+
+    int followed = 0;
+    for (int i = 0; i < chains.size(); ++i) {
+        server->clearRequests();
+        const QString savePath = path(QStringLiteral("download-%1.bin").arg(i));
+        downloader.setDownloadUrl(server->url(QStringLiteral("/chain/%1").arg(chains.at(i))));
+        downloader.setSavePath(savePath);
+        downloader.download();
+        QTRY_COMPARE(finished.count() + failed.count(), i + 1);
+        if (i < chains.size() - 1 || lastSucceeds) {
+            QCOMPARE(finished.count(), i + 1);
+            QCOMPARE(server->requestCount(), chains.at(i) + 1);
+            QCOMPARE(readFile(savePath), content);
+            // The followed URL is kept, like the redirect count.
+            QCOMPARE(downloader.getDownloadUrl(), server->url("/chain/0"));
+            followed += chains.at(i);
+        }
+    }
+
+    const QStringList redirects = log->messages("INFO");
+    if (lastSucceeds) {
+        QCOMPARE(failed.count(), 0);
+        QCOMPARE(redirects.size(), followed);
+        return;
+    }
+    QCOMPARE(followed + server->requestCount(), 34);
+    QCOMPARE(codeOf(failed), UpdateDownloader::AppError);
+    QCOMPARE(failed.at(0).at(1).toString(), QStringLiteral("Max redirection hit."));
+    const QString refused =
+        server->url(QStringLiteral("/chain/%1").arg(chains.last() - server->requestCount()));
+    QCOMPARE(redirects.size(), 34);
+    QCOMPARE(redirects.last(), "Redirect to " + refused);
+    QCOMPARE(log->messages("ERROR"), QStringList{"Max redirection hit. (" + refused + ")"});
+}
+
+QTEST_GUILESS_MAIN(TestUpdateDownloader)
+#include "test_update_downloader.moc"
