@@ -7,2607 +7,2607 @@
     <name>global</name>
     <message>
         <source>Open Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>打开文件夹</translation>
     </message>
     <message>
         <source>This wizard installs [ProductName] on your computer. Click Next to continue or Cancel to exit the wizard.</source>
-        <translation type="unfinished"></translation>
+        <translation>本向导将在您的计算机上安装 [ProductName]。单击“下一步”继续，或单击“取消”退出向导。</translation>
     </message>
     <message>
         <source>Folder on the server</source>
-        <translation type="unfinished"></translation>
+        <translation>服务器上的文件夹</translation>
     </message>
     <message>
         <source>Automatic setup could not be completed because the settings provided by your administrator are incomplete or the server cannot be reached. Please set up the connection manually.</source>
-        <translation type="unfinished"></translation>
+        <translation>由于管理员提供的设置不完整或无法连接到服务器，自动设置未能完成。请手动设置连接。</translation>
     </message>
     <message>
         <source>Files in %1 will be kept in sync with %2 on %3.</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 中的文件将与 %3 上的 %2 保持同步。</translation>
     </message>
     <message>
         <source>Expires on %1</source>
-        <translation type="unfinished"></translation>
+        <translation>于 %1 到期</translation>
     </message>
     <message>
         <source>System default</source>
-        <translation type="unfinished"></translation>
+        <translation>系统默认</translation>
     </message>
     <message>
         <source>Next</source>
-        <translation type="unfinished"></translation>
+        <translation>下一步</translation>
     </message>
     <message>
         <source>Do you want to uninstall Quillon? Your synced files and the data on your server are not deleted.</source>
-        <translation type="unfinished"></translation>
+        <translation>是否要卸载 Quillon？您已同步的文件和服务器上的数据不会被删除。</translation>
     </message>
     <message>
         <source>Plan name</source>
-        <translation type="unfinished"></translation>
+        <translation>计划名称</translation>
     </message>
     <message>
         <source>Quillon lives in the system tray. Click the icon to see what is being synced and to open your sync folder.</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon 位于系统托盘中。单击图标可查看正在同步的内容，并打开同步文件夹。</translation>
     </message>
     <message>
         <source>Clear all</source>
-        <translation type="unfinished"></translation>
+        <translation>全部清除</translation>
     </message>
     <message>
         <source>Schedule</source>
-        <translation type="unfinished"></translation>
+        <translation>时间表</translation>
     </message>
     <message>
         <source>%1 was updated.</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 已更新。</translation>
     </message>
     <message>
         <source>Exit</source>
-        <translation type="unfinished"></translation>
+        <translation>退出</translation>
     </message>
     <message>
         <source>The backup destination does not have enough free space. Free some space on the server or reduce the number of kept versions.</source>
-        <translation type="unfinished"></translation>
+        <translation>备份目标位置的可用空间不足。请在服务器上释放一些空间，或减少保留的版本数。</translation>
     </message>
     <message>
         <source>Changes on the server are copied to this computer. Local changes are not uploaded.</source>
-        <translation type="unfinished"></translation>
+        <translation>服务器上的更改会复制到这台计算机。本地更改不会上传。</translation>
     </message>
     <message>
         <source>Close</source>
-        <translation type="unfinished"></translation>
+        <translation>关闭</translation>
     </message>
     <message>
         <source>Display language</source>
-        <translation type="unfinished"></translation>
+        <translation>显示语言</translation>
     </message>
     <message>
         <source>Status:</source>
-        <translation type="unfinished"></translation>
+        <translation>状态：</translation>
     </message>
     <message>
         <source>Copy folders from this computer to the server on a schedule and keep earlier versions of every file.</source>
-        <translation type="unfinished"></translation>
+        <translation>定期将这台计算机上的文件夹复制到服务器，并保留每个文件的早期版本。</translation>
     </message>
     <message>
         <source>Last synced: %1</source>
-        <translation type="unfinished"></translation>
+        <translation>上次同步：%1</translation>
     </message>
     <message>
         <source>Change Password...</source>
-        <translation type="unfinished"></translation>
+        <translation>更改密码...</translation>
     </message>
     <message>
         <source>The selected folder already contains files. They will be merged with the files on the server.</source>
-        <translation type="unfinished"></translation>
+        <translation>所选文件夹中已有文件。这些文件将与服务器上的文件合并。</translation>
     </message>
     <message>
         <source>Up to date</source>
-        <translation type="unfinished"></translation>
+        <translation>已是最新</translation>
     </message>
     <message>
         <source>Please enter your username.</source>
-        <translation type="unfinished"></translation>
+        <translation>请输入用户名。</translation>
     </message>
     <message>
         <source>Connected through the relay service</source>
-        <translation type="unfinished"></translation>
+        <translation>已通过中继服务连接</translation>
     </message>
     <message>
         <source>Pause</source>
-        <translation type="unfinished"></translation>
+        <translation>暂停</translation>
     </message>
     <message>
         <source>Sunday</source>
-        <translation type="unfinished"></translation>
+        <translation>星期日</translation>
     </message>
     <message>
         <source>Conflict</source>
-        <translation type="unfinished"></translation>
+        <translation>冲突</translation>
     </message>
     <message>
         <source>Quillon – syncing %1 files</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon – 正在同步 %1 个文件</translation>
     </message>
     <message>
         <source>The certificate of this server is not trusted. It may be self-signed or issued by an unknown authority.</source>
-        <translation type="unfinished"></translation>
+        <translation>此服务器的证书不受信任。它可能是自签名证书，或由未知的证书颁发机构颁发。</translation>
     </message>
     <message>
         <source>The path of this file is too long for the server. Move the file to a folder with a shorter path or give it a shorter name.</source>
-        <translation type="unfinished"></translation>
+        <translation>此文件的路径对服务器而言过长。请将文件移到路径较短的文件夹中，或缩短文件名。</translation>
     </message>
     <message>
         <source>Delete</source>
-        <translation type="unfinished"></translation>
+        <translation>删除</translation>
     </message>
     <message>
         <source>Quillon has been set up by your administrator and is now syncing your files.</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon 已由管理员完成设置，现在正在同步您的文件。</translation>
     </message>
     <message>
         <source>Uploading %1</source>
-        <translation type="unfinished"></translation>
+        <translation>正在上传 %1</translation>
     </message>
     <message>
         <source>Hide password</source>
-        <translation type="unfinished"></translation>
+        <translation>隐藏密码</translation>
     </message>
     <message>
         <source>Can view</source>
-        <translation type="unfinished"></translation>
+        <translation>可查看</translation>
     </message>
     <message>
         <source>Setting up Quillon with the settings provided by your administrator. This takes only a moment.</source>
-        <translation type="unfinished"></translation>
+        <translation>正在使用管理员提供的设置配置 Quillon。这只需要片刻时间。</translation>
     </message>
     <message>
         <source>No proxy</source>
-        <translation type="unfinished"></translation>
+        <translation>不使用代理</translation>
     </message>
     <message>
         <source>Manual proxy configuration</source>
-        <translation type="unfinished"></translation>
+        <translation>手动配置代理</translation>
     </message>
     <message>
         <source>Changes on this computer are copied to the server. Changes on the server are not downloaded.</source>
-        <translation type="unfinished"></translation>
+        <translation>这台计算机上的更改会复制到服务器。服务器上的更改不会下载。</translation>
     </message>
     <message>
         <source>Please read the following license agreement carefully. You must accept the agreement to install the program.</source>
-        <translation type="unfinished"></translation>
+        <translation>请仔细阅读以下许可协议。您必须接受此协议才能安装本程序。</translation>
     </message>
     <message>
         <source>Expand folder</source>
-        <translation type="unfinished"></translation>
+        <translation>展开文件夹</translation>
     </message>
     <message>
         <source>Versions are kept for %1 days. Older versions are removed automatically by the server.</source>
-        <translation type="unfinished"></translation>
+        <translation>各版本将保留 %1 天。更早的版本会由服务器自动删除。</translation>
     </message>
     <message>
         <source>Deleted</source>
-        <translation type="unfinished"></translation>
+        <translation>已删除</translation>
     </message>
     <message>
         <source>Notifications</source>
-        <translation type="unfinished"></translation>
+        <translation>通知</translation>
     </message>
     <message>
         <source>Download</source>
-        <translation type="unfinished"></translation>
+        <translation>下载</translation>
     </message>
     <message>
         <source>Sign In with Single Sign-On</source>
-        <translation type="unfinished"></translation>
+        <translation>使用单点登录方式登录</translation>
     </message>
     <message>
         <source>Open in Browser</source>
-        <translation type="unfinished"></translation>
+        <translation>在浏览器中打开</translation>
     </message>
     <message>
         <source>%1 GB</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 GB</translation>
     </message>
     <message>
         <source>Sync file permissions and attributes</source>
-        <translation type="unfinished"></translation>
+        <translation>同步文件权限和属性</translation>
     </message>
     <message>
         <source>Quillon cannot write to the sync folder. Check the permissions of the folder and that the disk is not read-only.</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon 无法写入同步文件夹。请检查该文件夹的权限，并确认磁盘不是只读的。</translation>
     </message>
     <message>
         <source>Version %1</source>
-        <translation type="unfinished"></translation>
+        <translation>版本 %1</translation>
     </message>
     <message>
         <source>July</source>
-        <translation type="unfinished"></translation>
+        <translation>七月</translation>
     </message>
     <message>
         <source>Show in Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>在文件夹中显示</translation>
     </message>
     <message>
         <source>No connection has been set up yet. Click Add Connection to connect Quillon to your server.</source>
-        <translation type="unfinished"></translation>
+        <translation>尚未设置任何连接。单击“添加连接”将 Quillon 连接到您的服务器。</translation>
     </message>
     <message>
         <source>Paused</source>
-        <translation type="unfinished"></translation>
+        <translation>已暂停</translation>
     </message>
     <message>
         <source>Pause until I resume</source>
-        <translation type="unfinished"></translation>
+        <translation>暂停，直至手动恢复</translation>
     </message>
     <message>
         <source>Unable to connect to the server. Please check the server address and your network connection, and make sure that a firewall does not block Quillon.</source>
-        <translation type="unfinished"></translation>
+        <translation>无法连接到服务器。请检查服务器地址和网络连接，并确保防火墙没有阻止 Quillon。</translation>
     </message>
     <message>
         <source>Internal link for users of this server. Only users who already have access can open it.</source>
-        <translation type="unfinished"></translation>
+        <translation>供此服务器用户使用的内部链接。只有已具有访问权限的用户才能打开。</translation>
     </message>
     <message>
         <source>Choose a folder on this computer</source>
-        <translation type="unfinished"></translation>
+        <translation>选择这台计算机上的文件夹</translation>
     </message>
     <message>
         <source>Sign Out</source>
-        <translation type="unfinished"></translation>
+        <translation>退出登录</translation>
     </message>
     <message>
         <source>Files appear on this computer but take up no space until you open them. Files you open are downloaded and kept up to date.</source>
-        <translation type="unfinished"></translation>
+        <translation>文件会显示在这台计算机上，但在打开之前不占用空间。打开过的文件会被下载并保持最新。</translation>
     </message>
     <message>
         <source>Quillon main window</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon 主窗口</translation>
     </message>
     <message>
         <source>The server folder of this sync session no longer exists. It may have been renamed or deleted by another user.</source>
-        <translation type="unfinished"></translation>
+        <translation>此同步任务的服务器文件夹已不存在。它可能已被其他用户重命名或删除。</translation>
     </message>
     <message>
         <source>Show More</source>
-        <translation type="unfinished"></translation>
+        <translation>显示更多</translation>
     </message>
     <message>
         <source>Remember password</source>
-        <translation type="unfinished"></translation>
+        <translation>记住密码</translation>
     </message>
     <message>
         <source>Open With...</source>
-        <translation type="unfinished"></translation>
+        <translation>打开方式...</translation>
     </message>
     <message>
         <source>Thank you for your feedback. It helps us make Quillon better.</source>
-        <translation type="unfinished"></translation>
+        <translation>感谢您的反馈。它能帮助我们改进 Quillon。</translation>
     </message>
     <message>
         <source>Copy</source>
-        <translation type="unfinished"></translation>
+        <translation>复制</translation>
     </message>
     <message>
         <source>Verification code</source>
-        <translation type="unfinished"></translation>
+        <translation>验证码</translation>
     </message>
     <message>
         <source>Yes</source>
-        <translation type="unfinished"></translation>
+        <translation>是</translation>
     </message>
     <message>
         <source>The connection is not encrypted. Anyone on the network can read the transferred data.</source>
-        <translation type="unfinished"></translation>
+        <translation>此连接未加密。网络中的任何人都可以读取传输的数据。</translation>
     </message>
     <message>
         <source>Scanning</source>
-        <translation type="unfinished"></translation>
+        <translation>正在扫描</translation>
     </message>
     <message>
         <source>Compare</source>
-        <translation type="unfinished"></translation>
+        <translation>比较</translation>
     </message>
     <message>
         <source>Account</source>
-        <translation type="unfinished"></translation>
+        <translation>账户</translation>
     </message>
     <message>
         <source>Modified</source>
-        <translation type="unfinished"></translation>
+        <translation>修改日期</translation>
     </message>
     <message>
         <source>Cancel</source>
-        <translation type="unfinished"></translation>
+        <translation>取消</translation>
     </message>
     <message>
         <source>Proxy Settings</source>
-        <translation type="unfinished"></translation>
+        <translation>代理设置</translation>
     </message>
     <message>
         <source>The file history could not be loaded. Check your connection to the server and try again.</source>
-        <translation type="unfinished"></translation>
+        <translation>无法加载文件历史记录。请检查与服务器的连接，然后重试。</translation>
     </message>
     <message>
         <source>Size</source>
-        <translation type="unfinished"></translation>
+        <translation>大小</translation>
     </message>
     <message>
         <source>Copying the new files</source>
-        <translation type="unfinished"></translation>
+        <translation>正在复制新文件</translation>
     </message>
     <message>
         <source>This file has no earlier versions.</source>
-        <translation type="unfinished"></translation>
+        <translation>此文件没有早期版本。</translation>
     </message>
     <message>
         <source>Revision %1</source>
-        <translation type="unfinished"></translation>
+        <translation>修订版本 %1</translation>
     </message>
     <message>
         <source>Trust this certificate</source>
-        <translation type="unfinished"></translation>
+        <translation>信任此证书</translation>
     </message>
     <message>
         <source>Settings</source>
-        <translation type="unfinished"></translation>
+        <translation>设置</translation>
     </message>
     <message>
         <source>Removes the program from your computer. Your synced files stay in place on this computer and on the server.</source>
-        <translation type="unfinished"></translation>
+        <translation>从计算机中删除本程序。已同步的文件仍会保留在这台计算机和服务器上。</translation>
     </message>
     <message>
         <source>%1 KB</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 KB</translation>
     </message>
     <message>
         <source>Quillon – offline</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon – 离线</translation>
     </message>
     <message>
         <source>Are you sure you want to cancel the installation? The program will not be installed.</source>
-        <translation type="unfinished"></translation>
+        <translation>确定要取消安装吗？程序将不会被安装。</translation>
     </message>
     <message>
         <source>Name</source>
-        <translation type="unfinished"></translation>
+        <translation>名称</translation>
     </message>
     <message>
         <source>The file has been restored.</source>
-        <translation type="unfinished"></translation>
+        <translation>文件已还原。</translation>
     </message>
     <message>
         <source>Never synced</source>
-        <translation type="unfinished"></translation>
+        <translation>从未同步</translation>
     </message>
     <message>
         <source>Select all</source>
-        <translation type="unfinished"></translation>
+        <translation>全选</translation>
     </message>
     <message>
         <source>Pause for 8 hours</source>
-        <translation type="unfinished"></translation>
+        <translation>暂停 8 小时</translation>
     </message>
     <message>
         <source>Finish</source>
-        <translation type="unfinished"></translation>
+        <translation>完成</translation>
     </message>
     <message>
         <source>Remove Connection</source>
-        <translation type="unfinished"></translation>
+        <translation>移除连接</translation>
     </message>
     <message>
         <source>Your storage quota on the server is used up. Delete files on the server or ask your administrator for more space to continue syncing.</source>
-        <translation type="unfinished"></translation>
+        <translation>您在服务器上的存储配额已用完。请删除服务器上的文件，或向管理员申请更多空间，以便继续同步。</translation>
     </message>
     <message>
         <source>Edit Session</source>
-        <translation type="unfinished"></translation>
+        <translation>编辑同步任务</translation>
     </message>
     <message>
         <source>You need administrator rights to install this program for all users. Sign in as an administrator or install it for your account only.</source>
-        <translation type="unfinished"></translation>
+        <translation>您需要管理员权限才能为所有用户安装本程序。请以管理员身份登录，或仅为您的账户安装。</translation>
     </message>
     <message>
         <source>Select a server</source>
-        <translation type="unfinished"></translation>
+        <translation>选择服务器</translation>
     </message>
     <message>
         <source>Tell us what went wrong or what you would like to see in Quillon. Attach the logs if you report a problem, so that we can find its cause more quickly.</source>
-        <translation type="unfinished"></translation>
+        <translation>告诉我们遇到了什么问题，或者您希望 Quillon 增加哪些功能。如果报告问题，请附上日志，以便我们更快地找到原因。</translation>
     </message>
     <message>
         <source>Syncing %1 of %2 files</source>
-        <translation type="unfinished"></translation>
+        <translation>正在同步第 %1 个文件，共 %2 个</translation>
     </message>
     <message>
         <source>Back</source>
-        <translation type="unfinished"></translation>
+        <translation>上一步</translation>
     </message>
     <message>
         <source>Sync complete</source>
-        <translation type="unfinished"></translation>
+        <translation>同步完成</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Repairing [ProductName]</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}正在修复 [ProductName]</translation>
     </message>
     <message>
         <source>Add Session</source>
-        <translation type="unfinished"></translation>
+        <translation>添加同步任务</translation>
     </message>
     <message>
         <source>Your password was changed on the server. Please sign in again with the new password to continue syncing.</source>
-        <translation type="unfinished"></translation>
+        <translation>您的密码已在服务器上更改。请使用新密码重新登录以继续同步。</translation>
     </message>
     <message>
         <source>The logs could not be exported. Check that the destination folder is writable.</source>
-        <translation type="unfinished"></translation>
+        <translation>无法导出日志。请检查目标文件夹是否可写。</translation>
     </message>
     <message>
         <source>Link password</source>
-        <translation type="unfinished"></translation>
+        <translation>链接密码</translation>
     </message>
     <message>
         <source>Server path</source>
-        <translation type="unfinished"></translation>
+        <translation>服务器路径</translation>
     </message>
     <message>
         <source>The backup task %1 failed. Open the backup plan to see which files could not be copied.</source>
-        <translation type="unfinished"></translation>
+        <translation>备份任务 %1 失败。请打开备份计划，查看哪些文件未能复制。</translation>
     </message>
     <message>
         <source>Sign In</source>
-        <translation type="unfinished"></translation>
+        <translation>登录</translation>
     </message>
     <message>
         <source>You do not have permission to access this folder. Ask the owner of the folder or your administrator to grant you access.</source>
-        <translation type="unfinished"></translation>
+        <translation>您没有访问此文件夹的权限。请向文件夹所有者或管理员申请访问权限。</translation>
     </message>
     <message>
         <source>Dismiss notification</source>
-        <translation type="unfinished"></translation>
+        <translation>关闭通知</translation>
     </message>
     <message>
         <source>The marked volumes do not have enough free space for the program. Free some space on them or choose a destination folder on another volume.</source>
-        <translation type="unfinished"></translation>
+        <translation>所标记的卷上没有足够的可用空间来安装本程序。请释放其中的一些空间，或选择其他卷上的目标文件夹。</translation>
     </message>
     <message>
         <source>Choose a folder on the server</source>
-        <translation type="unfinished"></translation>
+        <translation>选择服务器上的文件夹</translation>
     </message>
     <message>
         <source>%1 is in use by another program and cannot be synced now. Quillon will try again when the file is closed.</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 正被其他程序使用，暂时无法同步。文件关闭后，Quillon 将重试。</translation>
     </message>
     <message>
         <source>Calculating size...</source>
-        <translation type="unfinished"></translation>
+        <translation>正在计算大小...</translation>
     </message>
     <message>
         <source>Full control</source>
-        <translation type="unfinished"></translation>
+        <translation>完全控制</translation>
     </message>
     <message>
         <source>Verifying your account...</source>
-        <translation type="unfinished"></translation>
+        <translation>正在验证您的账户...</translation>
     </message>
     <message>
         <source>Connecting...</source>
-        <translation type="unfinished"></translation>
+        <translation>正在连接...</translation>
     </message>
     <message>
         <source>Can edit</source>
-        <translation type="unfinished"></translation>
+        <translation>可编辑</translation>
     </message>
     <message>
         <source>View File History</source>
-        <translation type="unfinished"></translation>
+        <translation>查看文件历史记录</translation>
     </message>
     <message>
         <source>Do you want to pause syncing for all sessions? Changes are synced again once you resume.</source>
-        <translation type="unfinished"></translation>
+        <translation>是否要暂停所有同步任务？恢复后，更改将继续同步。</translation>
     </message>
     <message>
         <source>Always Keep on This Computer</source>
-        <translation type="unfinished"></translation>
+        <translation>始终保留在这台计算机上</translation>
     </message>
     <message>
         <source>No matching files found.</source>
-        <translation type="unfinished"></translation>
+        <translation>未找到匹配的文件。</translation>
     </message>
     <message>
         <source>Keep files on the server when they are deleted on this computer</source>
-        <translation type="unfinished"></translation>
+        <translation>在这台计算机上删除文件时，保留服务器上的文件</translation>
     </message>
     <message>
         <source>Loading folder list...</source>
-        <translation type="unfinished"></translation>
+        <translation>正在加载文件夹列表...</translation>
     </message>
     <message>
         <source>Your sign-in has expired. Please sign in again to continue syncing.</source>
-        <translation type="unfinished"></translation>
+        <translation>您的登录已过期。请重新登录以继续同步。</translation>
     </message>
     <message>
         <source>Port</source>
-        <translation type="unfinished"></translation>
+        <translation>端口</translation>
     </message>
     <message>
         <source>Repair</source>
-        <translation type="unfinished"></translation>
+        <translation>修复</translation>
     </message>
     <message>
         <source>File extension</source>
-        <translation type="unfinished"></translation>
+        <translation>文件扩展名</translation>
     </message>
     <message>
         <source>Show Quillon</source>
-        <translation type="unfinished"></translation>
+        <translation>显示 Quillon</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Ready to Install</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}已准备好安装</translation>
     </message>
     <message>
         <source>Skipped</source>
-        <translation type="unfinished"></translation>
+        <translation>已跳过</translation>
     </message>
     <message>
         <source>January</source>
-        <translation type="unfinished"></translation>
+        <translation>一月</translation>
     </message>
     <message>
         <source>Add Connection</source>
-        <translation type="unfinished"></translation>
+        <translation>添加连接</translation>
     </message>
     <message>
         <source>Created</source>
-        <translation type="unfinished"></translation>
+        <translation>已创建</translation>
     </message>
     <message>
         <source>Last backup: %1</source>
-        <translation type="unfinished"></translation>
+        <translation>上次备份：%1</translation>
     </message>
     <message>
         <source>An unknown error occurred. If this happens again, export the logs and contact support.</source>
-        <translation type="unfinished"></translation>
+        <translation>发生未知错误。如果此问题再次出现，请导出日志并联系技术支持。</translation>
     </message>
     <message>
         <source>Minimize</source>
-        <translation type="unfinished"></translation>
+        <translation>最小化</translation>
     </message>
     <message>
         <source>Quillon – paused</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon – 已暂停</translation>
     </message>
     <message>
         <source>Join the beta program</source>
-        <translation type="unfinished"></translation>
+        <translation>加入测试版计划</translation>
     </message>
     <message>
         <source>Sync direction</source>
-        <translation type="unfinished"></translation>
+        <translation>同步方向</translation>
     </message>
     <message>
         <source>The first sync can take a while, depending on the number and size of your files. You can keep working in the meantime.</source>
-        <translation type="unfinished"></translation>
+        <translation>首次同步可能需要一段时间，具体取决于文件的数量和大小。在此期间，您可以继续工作。</translation>
     </message>
     <message>
         <source>%1/s</source>
-        <translation type="unfinished"></translation>
+        <translation>%1/秒</translation>
     </message>
     <message>
         <source>Quillon Updater</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon 更新程序</translation>
     </message>
     <message>
         <source>No access</source>
-        <translation type="unfinished"></translation>
+        <translation>无访问权限</translation>
     </message>
     <message>
         <source>Save</source>
-        <translation type="unfinished"></translation>
+        <translation>保存</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Removing [ProductName]</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}正在删除 [ProductName]</translation>
     </message>
     <message>
         <source>Skip tour</source>
-        <translation type="unfinished"></translation>
+        <translation>跳过导览</translation>
     </message>
     <message>
         <source>The folder holds more than %1 items, which is the limit of a sync session. Use Selective Sync to sync fewer folders.</source>
-        <translation type="unfinished"></translation>
+        <translation>该文件夹包含超过 %1 个项目，超出了单个同步任务的上限。请使用“选择性同步”减少要同步的文件夹。</translation>
     </message>
     <message>
         <source>Folders you clear will be removed from this computer. Their copies on the server are kept and can be selected again at any time.</source>
-        <translation type="unfinished"></translation>
+        <translation>取消勾选的文件夹将从这台计算机中移除。它们在服务器上的副本会保留，并可随时重新选择。</translation>
     </message>
     <message>
         <source>Next backup: %1</source>
-        <translation type="unfinished"></translation>
+        <translation>下次备份：%1</translation>
     </message>
     <message>
         <source>Preview only</source>
-        <translation type="unfinished"></translation>
+        <translation>仅预览</translation>
     </message>
     <message>
         <source>A secure connection to the server could not be established. The server may not support the required encryption.</source>
-        <translation type="unfinished"></translation>
+        <translation>无法与服务器建立安全连接。服务器可能不支持所需的加密方式。</translation>
     </message>
     <message>
         <source>Limit how fast Quillon uploads and downloads so that other programs keep enough bandwidth. The limits apply to all sync sessions together.</source>
-        <translation type="unfinished"></translation>
+        <translation>限制 Quillon 的上传和下载速度，以便为其他程序保留足够的带宽。这些限制适用于所有同步任务的总和。</translation>
     </message>
     <message>
         <source>Syncing...</source>
-        <translation type="unfinished"></translation>
+        <translation>正在同步...</translation>
     </message>
     <message>
         <source>Offline</source>
-        <translation type="unfinished"></translation>
+        <translation>离线</translation>
     </message>
     <message>
         <source>The sync folder is on a removable drive that is not connected. Syncing resumes when the drive is connected again.</source>
-        <translation type="unfinished"></translation>
+        <translation>同步文件夹位于未连接的可移动驱动器上。重新连接该驱动器后，同步将恢复。</translation>
     </message>
     <message>
         <source>Send Feedback</source>
-        <translation type="unfinished"></translation>
+        <translation>发送反馈</translation>
     </message>
     <message>
         <source>Two-way sync</source>
-        <translation type="unfinished"></translation>
+        <translation>双向同步</translation>
     </message>
     <message>
         <source>Total size of the selected folders: %1</source>
-        <translation type="unfinished"></translation>
+        <translation>所选文件夹的总大小：%1</translation>
     </message>
     <message>
         <source>Apply</source>
-        <translation type="unfinished"></translation>
+        <translation>应用</translation>
     </message>
     <message>
         <source>Please enter the server address.</source>
-        <translation type="unfinished"></translation>
+        <translation>请输入服务器地址。</translation>
     </message>
     <message>
         <source>Two-Step Verification</source>
-        <translation type="unfinished"></translation>
+        <translation>两步验证</translation>
     </message>
     <message>
         <source>Your files are up to date.</source>
-        <translation type="unfinished"></translation>
+        <translation>您的文件已是最新。</translation>
     </message>
     <message>
         <source>Open Web Portal</source>
-        <translation type="unfinished"></translation>
+        <translation>打开网页门户</translation>
     </message>
     <message>
         <source>Signed in as %1</source>
-        <translation type="unfinished"></translation>
+        <translation>已以 %1 身份登录</translation>
     </message>
     <message>
         <source>Destination</source>
-        <translation type="unfinished"></translation>
+        <translation>目标位置</translation>
     </message>
     <message>
         <source>On these days</source>
-        <translation type="unfinished"></translation>
+        <translation>在以下几天</translation>
     </message>
     <message>
         <source>Create a new folder</source>
-        <translation type="unfinished"></translation>
+        <translation>新建文件夹</translation>
     </message>
     <message>
         <source>System folders, such as the root folder or the folder of a program, cannot be used as sync folders.</source>
-        <translation type="unfinished"></translation>
+        <translation>系统文件夹（例如根文件夹或程序所在的文件夹）不能用作同步文件夹。</translation>
     </message>
     <message>
         <source>What&apos;s New</source>
-        <translation type="unfinished"></translation>
+        <translation>新增功能</translation>
     </message>
     <message>
         <source>Run Quillon</source>
-        <translation type="unfinished"></translation>
+        <translation>运行 Quillon</translation>
     </message>
     <message>
         <source>Create Link</source>
-        <translation type="unfinished"></translation>
+        <translation>创建链接</translation>
     </message>
     <message>
         <source>Start the client when I sign in to Windows</source>
-        <translation type="unfinished"></translation>
+        <translation>登录 Windows 时启动客户端</translation>
     </message>
     <message>
         <source>List of files</source>
-        <translation type="unfinished"></translation>
+        <translation>文件列表</translation>
     </message>
     <message>
         <source>Do you want to stop the setup? Nothing will be synced until a sync session is set up. You can run the setup again from the tray menu.</source>
-        <translation type="unfinished"></translation>
+        <translation>是否要停止设置？在设置好同步任务之前，不会同步任何内容。您可以从托盘菜单再次运行设置。</translation>
     </message>
     <message>
         <source>Folder tree</source>
-        <translation type="unfinished"></translation>
+        <translation>文件夹树</translation>
     </message>
     <message>
         <source>Limit upload speed</source>
-        <translation type="unfinished"></translation>
+        <translation>限制上传速度</translation>
     </message>
     <message>
         <source>The file could not be opened.</source>
-        <translation type="unfinished"></translation>
+        <translation>无法打开该文件。</translation>
     </message>
     <message>
         <source>File Filter...</source>
-        <translation type="unfinished"></translation>
+        <translation>文件筛选器...</translation>
     </message>
     <message>
         <source>Disconnected</source>
-        <translation type="unfinished"></translation>
+        <translation>已断开连接</translation>
     </message>
     <message>
         <source>Install</source>
-        <translation type="unfinished"></translation>
+        <translation>安装</translation>
     </message>
     <message>
         <source>I accept the terms of the license agreement</source>
-        <translation type="unfinished"></translation>
+        <translation>我接受许可协议中的条款</translation>
     </message>
     <message>
         <source>%1 shared %2 with you. It is available in your sync folder.</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 与您共享了 %2。您可以在同步文件夹中找到它。</translation>
     </message>
     <message>
         <source>Include the sync database</source>
-        <translation type="unfinished"></translation>
+        <translation>包括同步数据库</translation>
     </message>
     <message>
         <source>Step %1 of %2</source>
-        <translation type="unfinished"></translation>
+        <translation>第 %1 步，共 %2 步</translation>
     </message>
     <message>
         <source>Files are shown as placeholders and downloaded when you open them. Placeholders take up almost no space on this computer. Right-click a file to keep it available offline.</source>
-        <translation type="unfinished"></translation>
+        <translation>文件以占位文件的形式显示，在您打开时才会下载。占位文件在这台计算机上几乎不占用空间。右键单击文件可将其设为离线可用。</translation>
     </message>
     <message>
         <source>Address</source>
-        <translation type="unfinished"></translation>
+        <translation>地址</translation>
     </message>
     <message>
         <source>Create a shortcut on the desktop</source>
-        <translation type="unfinished"></translation>
+        <translation>在桌面上创建快捷方式</translation>
     </message>
     <message>
         <source>Reconnecting...</source>
-        <translation type="unfinished"></translation>
+        <translation>正在重新连接...</translation>
     </message>
     <message>
         <source>The verification code is incorrect or has expired. Check that the clock of your phone is set correctly and try again.</source>
-        <translation type="unfinished"></translation>
+        <translation>验证码不正确或已过期。请检查手机上的时间是否设置正确，然后重试。</translation>
     </message>
     <message>
         <source>Sync sessions tab</source>
-        <translation type="unfinished"></translation>
+        <translation>同步任务选项卡</translation>
     </message>
     <message>
         <source>Keep the server version</source>
-        <translation type="unfinished"></translation>
+        <translation>保留服务器版本</translation>
     </message>
     <message>
         <source>Quillon Setup Is Complete</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon 安装完成</translation>
     </message>
     <message>
         <source>When a file changes on both sides at the same time, Quillon keeps both versions so that no work is lost.</source>
-        <translation type="unfinished"></translation>
+        <translation>当文件在两端同时被更改时，Quillon 会保留两个版本，确保您的工作成果不会丢失。</translation>
     </message>
     <message>
         <source>Open local folder</source>
-        <translation type="unfinished"></translation>
+        <translation>打开本地文件夹</translation>
     </message>
     <message>
         <source>Deleted Files</source>
-        <translation type="unfinished"></translation>
+        <translation>已删除的文件</translation>
     </message>
     <message>
         <source>The Setup Wizard is removing the program. Your synced files are not touched.</source>
-        <translation type="unfinished"></translation>
+        <translation>安装向导正在删除本程序。您已同步的文件不会受到影响。</translation>
     </message>
     <message>
         <source>Open Server Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>打开服务器文件夹</translation>
     </message>
     <message>
         <source>The link has been copied to the clipboard. Paste it into an email or a chat message to share it.</source>
-        <translation type="unfinished"></translation>
+        <translation>链接已复制到剪贴板。将其粘贴到电子邮件或聊天消息中即可共享。</translation>
     </message>
     <message>
         <source>You are running the latest version of Quillon.</source>
-        <translation type="unfinished"></translation>
+        <translation>您正在使用最新版本的 Quillon。</translation>
     </message>
     <message>
         <source>Create Backup Plan</source>
-        <translation type="unfinished"></translation>
+        <translation>创建备份计划</translation>
     </message>
     <message>
         <source>Advanced Settings</source>
-        <translation type="unfinished"></translation>
+        <translation>高级设置</translation>
     </message>
     <message>
         <source>This version is no longer available on the server. It may have been removed by the version retention policy.</source>
-        <translation type="unfinished"></translation>
+        <translation>此版本在服务器上已不再可用。它可能已根据版本保留策略被删除。</translation>
     </message>
     <message>
         <source>Folder on this computer</source>
-        <translation type="unfinished"></translation>
+        <translation>这台计算机上的文件夹</translation>
     </message>
     <message>
         <source>Server address</source>
-        <translation type="unfinished"></translation>
+        <translation>服务器地址</translation>
     </message>
     <message>
         <source>Restoring...</source>
-        <translation type="unfinished"></translation>
+        <translation>正在还原...</translation>
     </message>
     <message>
         <source>Right-click a file or folder and choose Share to send a link to anyone, even to people without an account.</source>
-        <translation type="unfinished"></translation>
+        <translation>右键单击文件或文件夹并选择“共享”，即可向任何人发送链接，即使对方没有账户也可以。</translation>
     </message>
     <message>
         <source>Create Sync Session</source>
-        <translation type="unfinished"></translation>
+        <translation>创建同步任务</translation>
     </message>
     <message>
         <source>The file is larger than the maximum file size allowed by the server and will not be uploaded.</source>
-        <translation type="unfinished"></translation>
+        <translation>该文件超过了服务器允许的最大文件大小，将不会被上传。</translation>
     </message>
     <message>
         <source>Friday</source>
-        <translation type="unfinished"></translation>
+        <translation>星期五</translation>
     </message>
     <message>
         <source>Recent Activity</source>
-        <translation type="unfinished"></translation>
+        <translation>最近活动</translation>
     </message>
     <message>
         <source>Back Up Now</source>
-        <translation type="unfinished"></translation>
+        <translation>立即备份</translation>
     </message>
     <message>
         <source>The file filter has changed. Files that no longer match will be removed from this computer but stay on the server.</source>
-        <translation type="unfinished"></translation>
+        <translation>文件筛选器已更改。不再匹配的文件将从这台计算机中移除，但会保留在服务器上。</translation>
     </message>
     <message>
         <source>Later</source>
-        <translation type="unfinished"></translation>
+        <translation>稍后</translation>
     </message>
     <message>
         <source>%1 could not be renamed to %2. An item with that name may already exist.</source>
-        <translation type="unfinished"></translation>
+        <translation>无法将 %1 重命名为 %2。可能已存在同名项目。</translation>
     </message>
     <message>
         <source>Show desktop notifications</source>
-        <translation type="unfinished"></translation>
+        <translation>显示桌面通知</translation>
     </message>
     <message>
         <source>Warning</source>
-        <translation type="unfinished"></translation>
+        <translation>警告</translation>
     </message>
     <message>
         <source>Files that match these rules are neither uploaded nor downloaded. Files on the server that match a rule are left untouched.</source>
-        <translation type="unfinished"></translation>
+        <translation>与这些规则匹配的文件既不会上传，也不会下载。服务器上与规则匹配的文件保持不变。</translation>
     </message>
     <message>
         <source>Version</source>
-        <translation type="unfinished"></translation>
+        <translation>版本</translation>
     </message>
     <message>
         <source>Please enter a valid email address.</source>
-        <translation type="unfinished"></translation>
+        <translation>请输入有效的电子邮件地址。</translation>
     </message>
     <message>
         <source>%1 was deleted on the server and has been moved to the recycle bin of this computer.</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 已在服务器上被删除，并已移到这台计算机的回收站中。</translation>
     </message>
     <message>
         <source>The relay service could not reach your server. Make sure the server is online and the relay service is enabled on it.</source>
-        <translation type="unfinished"></translation>
+        <translation>中继服务无法访问您的服务器。请确保服务器处于联机状态，并已在服务器上启用中继服务。</translation>
     </message>
     <message>
         <source>General</source>
-        <translation type="unfinished"></translation>
+        <translation>常规</translation>
     </message>
     <message>
         <source>Keep a folder on this computer in sync with a folder on the server. Changes on either side are copied to the other.</source>
-        <translation type="unfinished"></translation>
+        <translation>使这台计算机上的文件夹与服务器上的文件夹保持同步。任一端的更改都会复制到另一端。</translation>
     </message>
     <message>
         <source>Syncing resumes automatically in %1 minutes.</source>
-        <translation type="unfinished"></translation>
+        <translation>同步将在 %1 分钟后自动恢复。</translation>
     </message>
     <message>
         <source>Clear search</source>
-        <translation type="unfinished"></translation>
+        <translation>清除搜索</translation>
     </message>
     <message>
         <source>Forgot your password?</source>
-        <translation type="unfinished"></translation>
+        <translation>忘记密码？</translation>
     </message>
     <message>
         <source>Help</source>
-        <translation type="unfinished"></translation>
+        <translation>帮助</translation>
     </message>
     <message>
         <source>Browse...</source>
-        <translation type="unfinished"></translation>
+        <translation>浏览...</translation>
     </message>
     <message>
         <source>Add Rule</source>
-        <translation type="unfinished"></translation>
+        <translation>添加规则</translation>
     </message>
     <message>
         <source>Selective Sync</source>
-        <translation type="unfinished"></translation>
+        <translation>选择性同步</translation>
     </message>
     <message>
         <source>%1 items</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 个项目</translation>
     </message>
     <message>
         <source>The certificate of this server could not be verified. Someone may be impersonating the server to read your files or your password. Continue only if you trust this network and the server.</source>
-        <translation type="unfinished"></translation>
+        <translation>无法验证此服务器的证书。可能有人正在冒充该服务器，以窃取您的文件或密码。请仅在您信任此网络和该服务器时继续。</translation>
     </message>
     <message>
         <source>About Quillon</source>
-        <translation type="unfinished"></translation>
+        <translation>关于 Quillon</translation>
     </message>
     <message>
         <source>Every day</source>
-        <translation type="unfinished"></translation>
+        <translation>每天</translation>
     </message>
     <message>
         <source>Look in:</source>
-        <translation type="unfinished"></translation>
+        <translation>查找范围：</translation>
     </message>
     <message>
         <source>Volume</source>
-        <translation type="unfinished"></translation>
+        <translation>卷</translation>
     </message>
     <message>
         <source>Sync This Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>同步此文件夹</translation>
     </message>
     <message>
         <source>Syncing</source>
-        <translation type="unfinished"></translation>
+        <translation>正在同步</translation>
     </message>
     <message>
         <source>Download progress</source>
-        <translation type="unfinished"></translation>
+        <translation>下载进度</translation>
     </message>
     <message>
         <source>Upload only</source>
-        <translation type="unfinished"></translation>
+        <translation>仅上传</translation>
     </message>
     <message>
         <source>Attach the log files to help us find the cause of the problem</source>
-        <translation type="unfinished"></translation>
+        <translation>附加日志文件，帮助我们找到问题原因</translation>
     </message>
     <message>
         <source>Copy Link</source>
-        <translation type="unfinished"></translation>
+        <translation>复制链接</translation>
     </message>
     <message>
         <source>Use an encrypted connection (HTTPS)</source>
-        <translation type="unfinished"></translation>
+        <translation>使用加密连接（HTTPS）</translation>
     </message>
     <message>
         <source>Launch [ProductName]</source>
-        <translation type="unfinished"></translation>
+        <translation>启动 [ProductName]</translation>
     </message>
     <message>
         <source>The local folder of this sync session no longer exists. Restore the folder or choose a new one in the session settings.</source>
-        <translation type="unfinished"></translation>
+        <translation>此同步任务的本地文件夹已不存在。请恢复该文件夹，或在任务设置中选择新的文件夹。</translation>
     </message>
     <message>
         <source>General tab</source>
-        <translation type="unfinished"></translation>
+        <translation>常规选项卡</translation>
     </message>
     <message>
         <source>Install updates automatically</source>
-        <translation type="unfinished"></translation>
+        <translation>自动安装更新</translation>
     </message>
     <message>
         <source>File History</source>
-        <translation type="unfinished"></translation>
+        <translation>文件历史记录</translation>
     </message>
     <message>
         <source>Trust this computer</source>
-        <translation type="unfinished"></translation>
+        <translation>信任这台计算机</translation>
     </message>
     <message>
         <source>Thursday</source>
-        <translation type="unfinished"></translation>
+        <translation>星期四</translation>
     </message>
     <message>
         <source>Folder name:</source>
-        <translation type="unfinished"></translation>
+        <translation>文件夹名称：</translation>
     </message>
     <message>
         <source>%1 of %2</source>
-        <translation type="unfinished"></translation>
+        <translation>%1/%2</translation>
     </message>
     <message>
         <source>Quillon %1 is available.</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon %1 现已可用。</translation>
     </message>
     <message>
         <source>%1 bytes</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 字节</translation>
     </message>
     <message>
         <source>Check for updates automatically</source>
-        <translation type="unfinished"></translation>
+        <translation>自动检查更新</translation>
     </message>
     <message>
         <source>Loading versions...</source>
-        <translation type="unfinished"></translation>
+        <translation>正在加载版本...</translation>
     </message>
     <message>
         <source>The maximum number of sync sessions for this connection has been reached. Remove a session before you create a new one.</source>
-        <translation type="unfinished"></translation>
+        <translation>此连接的同步任务数量已达上限。请先移除一个同步任务，再创建新任务。</translation>
     </message>
     <message>
         <source>Quillon will be installed in the folder below. To choose another folder, click Browse. Click Install to start the installation.</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon 将安装到下面的文件夹中。要选择其他文件夹，请单击“浏览”。单击“安装”开始安装。</translation>
     </message>
     <message>
         <source>From %1 to %2</source>
-        <translation type="unfinished"></translation>
+        <translation>从 %1 到 %2</translation>
     </message>
     <message>
         <source>Stopping the running client so that its files can be replaced</source>
-        <translation type="unfinished"></translation>
+        <translation>正在停止运行中的客户端，以便替换其文件</translation>
     </message>
     <message>
         <source>Open File</source>
-        <translation type="unfinished"></translation>
+        <translation>打开文件</translation>
     </message>
     <message>
         <source>This sharing link has expired and can no longer be opened.</source>
-        <translation type="unfinished"></translation>
+        <translation>此共享链接已过期，无法再打开。</translation>
     </message>
     <message>
         <source>Software Update</source>
-        <translation type="unfinished"></translation>
+        <translation>软件更新</translation>
     </message>
     <message>
         <source>Click Repair to restore missing or damaged files and shortcuts. Your settings and sync sessions are not changed. Click Cancel to exit the wizard.</source>
-        <translation type="unfinished"></translation>
+        <translation>单击“修复”可还原缺失或损坏的文件和快捷方式。您的设置和同步任务不会更改。单击“取消”退出向导。</translation>
     </message>
     <message>
         <source>No</source>
-        <translation type="unfinished"></translation>
+        <translation>否</translation>
     </message>
     <message>
         <source>Signing in...</source>
-        <translation type="unfinished"></translation>
+        <translation>正在登录...</translation>
     </message>
     <message>
         <source>Share Link</source>
-        <translation type="unfinished"></translation>
+        <translation>共享链接</translation>
     </message>
     <message>
         <source>The update could not be downloaded. Check your network connection and try again.</source>
-        <translation type="unfinished"></translation>
+        <translation>无法下载更新。请检查网络连接，然后重试。</translation>
     </message>
     <message>
         <source>About tab</source>
-        <translation type="unfinished"></translation>
+        <translation>关于选项卡</translation>
     </message>
     <message>
         <source>Another copy of Quillon is already running for this user.</source>
-        <translation type="unfinished"></translation>
+        <translation>此用户已有另一个 Quillon 实例正在运行。</translation>
     </message>
     <message>
         <source>Move Sync Folder...</source>
-        <translation type="unfinished"></translation>
+        <translation>移动同步文件夹...</translation>
     </message>
     <message>
         <source>Username</source>
-        <translation type="unfinished"></translation>
+        <translation>用户名</translation>
     </message>
     <message>
         <source>The sharing link could not be created. Check your connection to the server and try again.</source>
-        <translation type="unfinished"></translation>
+        <translation>无法创建共享链接。请检查与服务器的连接，然后重试。</translation>
     </message>
     <message>
         <source>Sync Now</source>
-        <translation type="unfinished"></translation>
+        <translation>立即同步</translation>
     </message>
     <message>
         <source>Quillon is running. Exit Quillon from its tray menu and click Retry, or click Cancel to stop setup.</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon 正在运行。请从托盘菜单退出 Quillon 后单击“重试”，或单击“取消”停止安装。</translation>
     </message>
     <message>
         <source>The local copy was renamed to %1 so that both versions are kept.</source>
-        <translation type="unfinished"></translation>
+        <translation>本地副本已重命名为 %1，以便同时保留两个版本。</translation>
     </message>
     <message>
         <source>Read and write</source>
-        <translation type="unfinished"></translation>
+        <translation>读写</translation>
     </message>
     <message>
         <source>Indexing %1 of %2 files</source>
-        <translation type="unfinished"></translation>
+        <translation>正在建立索引：第 %1 个文件，共 %2 个</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Files in Use</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}文件正在使用</translation>
     </message>
     <message>
         <source>The Setup Wizard is installing the program. This may take several minutes.</source>
-        <translation type="unfinished"></translation>
+        <translation>安装向导正在安装本程序。这可能需要几分钟时间。</translation>
     </message>
     <message>
         <source>This folder is empty.</source>
-        <translation type="unfinished"></translation>
+        <translation>此文件夹为空。</translation>
     </message>
     <message>
         <source>Click Remove to uninstall the program from your computer. The files in your sync folders are not deleted and stay on your server. Click Cancel to exit the wizard.</source>
-        <translation type="unfinished"></translation>
+        <translation>单击“删除”可从计算机中卸载本程序。同步文件夹中的文件不会被删除，并会保留在服务器上。单击“取消”退出向导。</translation>
     </message>
     <message>
         <source>Welcome to Quillon</source>
-        <translation type="unfinished"></translation>
+        <translation>欢迎使用 Quillon</translation>
     </message>
     <message>
         <source>The password must be at least %1 characters long.</source>
-        <translation type="unfinished"></translation>
+        <translation>密码长度至少为 %1 个字符。</translation>
     </message>
     <message>
         <source>Backup task %1 completed.</source>
-        <translation type="unfinished"></translation>
+        <translation>备份任务 %1 已完成。</translation>
     </message>
     <message>
         <source>Pause for 1 hour</source>
-        <translation type="unfinished"></translation>
+        <translation>暂停 1 小时</translation>
     </message>
     <message>
         <source>The installation needs more disk space than is available.</source>
-        <translation type="unfinished"></translation>
+        <translation>安装所需的磁盘空间超过了可用空间。</translation>
     </message>
     <message>
         <source>Click Next to install to the folder shown, or click Change to choose another folder.</source>
-        <translation type="unfinished"></translation>
+        <translation>单击“下一步”安装到所示文件夹，或单击“更改”选择其他文件夹。</translation>
     </message>
     <message>
         <source>Certificate Warning</source>
-        <translation type="unfinished"></translation>
+        <translation>证书警告</translation>
     </message>
     <message>
         <source>Expiry date</source>
-        <translation type="unfinished"></translation>
+        <translation>到期日期</translation>
     </message>
     <message>
         <source>August</source>
-        <translation type="unfinished"></translation>
+        <translation>八月</translation>
     </message>
     <message>
         <source>Start automatically when I sign in</source>
-        <translation type="unfinished"></translation>
+        <translation>登录时自动启动</translation>
     </message>
     <message>
         <source>Export Logs...</source>
-        <translation type="unfinished"></translation>
+        <translation>导出日志...</translation>
     </message>
     <message>
         <source>Syncing is paused until %1. Changes made in the meantime are synced afterwards.</source>
-        <translation type="unfinished"></translation>
+        <translation>同步已暂停至 %1。在此期间所做的更改将在之后同步。</translation>
     </message>
     <message>
         <source>December</source>
-        <translation type="unfinished"></translation>
+        <translation>十二月</translation>
     </message>
     <message>
         <source>The certificate of the server has changed since your last connection. Continue only if your administrator has replaced the certificate.</source>
-        <translation type="unfinished"></translation>
+        <translation>自您上次连接以来，服务器的证书已发生更改。请仅在管理员确实更换了证书时继续。</translation>
     </message>
     <message>
         <source>A new version, Quillon %1, is ready to install.</source>
-        <translation type="unfinished"></translation>
+        <translation>新版本 Quillon %1 已准备就绪，可以安装。</translation>
     </message>
     <message>
         <source>Your settings have been saved.</source>
-        <translation type="unfinished"></translation>
+        <translation>您的设置已保存。</translation>
     </message>
     <message>
         <source>Retry</source>
-        <translation type="unfinished"></translation>
+        <translation>重试</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Ready to Repair</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}已准备好修复</translation>
     </message>
     <message>
         <source>There is not enough free space on this computer. Free some space and syncing will continue.</source>
-        <translation type="unfinished"></translation>
+        <translation>这台计算机上的可用空间不足。释放一些空间后，同步将继续。</translation>
     </message>
     <message>
         <source>The sync session has been removed.</source>
-        <translation type="unfinished"></translation>
+        <translation>同步任务已移除。</translation>
     </message>
     <message>
         <source>Use system proxy settings</source>
-        <translation type="unfinished"></translation>
+        <translation>使用系统代理设置</translation>
     </message>
     <message>
         <source>Keep up to %1 versions of each file</source>
-        <translation type="unfinished"></translation>
+        <translation>每个文件最多保留 %1 个版本</translation>
     </message>
     <message>
         <source>The selected version could not be restored. Check that you have permission to change the file and try again.</source>
-        <translation type="unfinished"></translation>
+        <translation>无法还原所选版本。请检查您是否有权更改该文件，然后重试。</translation>
     </message>
     <message>
         <source>Quillon keeps the files on your computer and on your server in sync, so your latest work is always at hand. Let&apos;s set up your first sync session.</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon 使您计算机上和服务器上的文件保持同步，让您随时都能用上最新的工作成果。现在就来设置您的第一个同步任务吧。</translation>
     </message>
     <message>
         <source>Current version</source>
-        <translation type="unfinished"></translation>
+        <translation>当前版本</translation>
     </message>
     <message>
         <source>June</source>
-        <translation type="unfinished"></translation>
+        <translation>六月</translation>
     </message>
     <message>
         <source>Choose the folder to install the program in. You need permission to write to it.</source>
-        <translation type="unfinished"></translation>
+        <translation>选择要安装本程序的文件夹。您需要具有该文件夹的写入权限。</translation>
     </message>
     <message>
         <source>Sync new folders on the server automatically</source>
-        <translation type="unfinished"></translation>
+        <translation>自动同步服务器上的新文件夹</translation>
     </message>
     <message>
         <source>Remind Me Later</source>
-        <translation type="unfinished"></translation>
+        <translation>稍后提醒我</translation>
     </message>
     <message>
         <source>Deleted on %1</source>
-        <translation type="unfinished"></translation>
+        <translation>删除于 %1</translation>
     </message>
     <message>
         <source>Upload speed</source>
-        <translation type="unfinished"></translation>
+        <translation>上传速度</translation>
     </message>
     <message>
         <source>You have used %1% of your storage quota. Syncing stops when the quota is used up.</source>
-        <translation type="unfinished"></translation>
+        <translation>您已使用 %1% 的存储配额。配额用完后，同步将停止。</translation>
     </message>
     <message>
         <source>Renamed</source>
-        <translation type="unfinished"></translation>
+        <translation>已重命名</translation>
     </message>
     <message>
         <source>The server folder of this sync session has been removed. Do you want to remove the session as well? The local files are kept.</source>
-        <translation type="unfinished"></translation>
+        <translation>此同步任务的服务器文件夹已被删除。是否也要移除此同步任务？本地文件将会保留。</translation>
     </message>
     <message>
         <source>Quillon status icon</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon 状态图标</translation>
     </message>
     <message>
         <source>Preview</source>
-        <translation type="unfinished"></translation>
+        <translation>预览</translation>
     </message>
     <message>
         <source>Completed</source>
-        <translation type="unfinished"></translation>
+        <translation>已完成</translation>
     </message>
     <message>
         <source>More actions</source>
-        <translation type="unfinished"></translation>
+        <translation>更多操作</translation>
     </message>
     <message>
         <source>Recycle Bin</source>
-        <translation type="unfinished"></translation>
+        <translation>回收站</translation>
     </message>
     <message>
         <source>OK</source>
-        <translation type="unfinished"></translation>
+        <translation>确定</translation>
     </message>
     <message>
         <source>Start time</source>
-        <translation type="unfinished"></translation>
+        <translation>开始时间</translation>
     </message>
     <message>
         <source>This account is protected by two-step verification. Enter the six-digit code from your authenticator app.</source>
-        <translation type="unfinished"></translation>
+        <translation>此账户受两步验证保护。请输入身份验证器应用中的六位数验证码。</translation>
     </message>
     <message>
         <source>Quillon – up to date</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon – 已是最新</translation>
     </message>
     <message>
         <source>Check the settings below and click Done to start syncing. You can change them later in the session settings.</source>
-        <translation type="unfinished"></translation>
+        <translation>请检查以下设置，然后单击“完成”开始同步。您以后可以在任务设置中更改这些设置。</translation>
     </message>
     <message>
         <source>Ready</source>
-        <translation type="unfinished"></translation>
+        <translation>就绪</translation>
     </message>
     <message>
         <source>Upload %1, download %2</source>
-        <translation type="unfinished"></translation>
+        <translation>上传 %1，下载 %2</translation>
     </message>
     <message>
         <source>Sync files</source>
-        <translation type="unfinished"></translation>
+        <translation>同步文件</translation>
     </message>
     <message>
         <source>Collapse folder</source>
-        <translation type="unfinished"></translation>
+        <translation>折叠文件夹</translation>
     </message>
     <message>
         <source>Search recent files</source>
-        <translation type="unfinished"></translation>
+        <translation>搜索最近的文件</translation>
     </message>
     <message>
         <source>Request Access</source>
-        <translation type="unfinished"></translation>
+        <translation>申请访问权限</translation>
     </message>
     <message>
         <source>Done</source>
-        <translation type="unfinished"></translation>
+        <translation>完成</translation>
     </message>
     <message>
         <source>Limit download speed</source>
-        <translation type="unfinished"></translation>
+        <translation>限制下载速度</translation>
     </message>
     <message>
         <source>The proxy server requires authentication. Enter the username and password of the proxy in the network settings.</source>
-        <translation type="unfinished"></translation>
+        <translation>代理服务器要求身份验证。请在网络设置中输入代理的用户名和密码。</translation>
     </message>
     <message>
         <source>Quillon</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon</translation>
     </message>
     <message>
         <source>Quillon Desktop Client</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon 桌面客户端</translation>
     </message>
     <message>
         <source>Please wait...</source>
-        <translation type="unfinished"></translation>
+        <translation>请稍候...</translation>
     </message>
     <message>
         <source>Fingerprint: %1</source>
-        <translation type="unfinished"></translation>
+        <translation>指纹：%1</translation>
     </message>
     <message>
         <source>Saturday</source>
-        <translation type="unfinished"></translation>
+        <translation>星期六</translation>
     </message>
     <message>
         <source>Start Now</source>
-        <translation type="unfinished"></translation>
+        <translation>立即开始</translation>
     </message>
     <message>
         <source>Restore as a Copy</source>
-        <translation type="unfinished"></translation>
+        <translation>还原为副本</translation>
     </message>
     <message>
         <source>%1 TB</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 TB</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Bigger}[ProductName] Has Been Installed</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Bigger}[ProductName] 已安装完成</translation>
     </message>
     <message>
         <source>Open Source Licenses</source>
-        <translation type="unfinished"></translation>
+        <translation>开源许可证</translation>
     </message>
     <message>
         <source>Change Password</source>
-        <translation type="unfinished"></translation>
+        <translation>更改密码</translation>
     </message>
     <message>
         <source>Unable to connect to the proxy server. Check the proxy address and port in the network settings.</source>
-        <translation type="unfinished"></translation>
+        <translation>无法连接到代理服务器。请在网络设置中检查代理地址和端口。</translation>
     </message>
     <message>
         <source>Start Quillon when I sign in</source>
-        <translation type="unfinished"></translation>
+        <translation>登录时启动 Quillon</translation>
     </message>
     <message>
         <source>Skip This Version</source>
-        <translation type="unfinished"></translation>
+        <translation>跳过此版本</translation>
     </message>
     <message>
         <source>Keep Both</source>
-        <translation type="unfinished"></translation>
+        <translation>保留两者</translation>
     </message>
     <message>
         <source>The connection to %1 has been restored.</source>
-        <translation type="unfinished"></translation>
+        <translation>与 %1 的连接已恢复。</translation>
     </message>
     <message>
         <source>Sync hidden files</source>
-        <translation type="unfinished"></translation>
+        <translation>同步隐藏文件</translation>
     </message>
     <message>
         <source>Only administrators can change this setting. It is managed for your organization.</source>
-        <translation type="unfinished"></translation>
+        <translation>只有管理员才能更改此设置。该设置由您的组织统一管理。</translation>
     </message>
     <message>
         <source>Bandwidth</source>
-        <translation type="unfinished"></translation>
+        <translation>带宽</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Destination Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}目标文件夹</translation>
     </message>
     <message>
         <source>Collecting logs...</source>
-        <translation type="unfinished"></translation>
+        <translation>正在收集日志...</translation>
     </message>
     <message>
         <source>A sync folder cannot be inside another sync folder, and it cannot contain one. Choose a folder outside your other sync folders.</source>
-        <translation type="unfinished"></translation>
+        <translation>同步文件夹不能位于另一个同步文件夹中，也不能包含其他同步文件夹。请选择位于其他同步文件夹之外的文件夹。</translation>
     </message>
     <message>
         <source>There is not enough free space on the disk that holds the sync folder. Free some space or move the sync folder to another disk.</source>
-        <translation type="unfinished"></translation>
+        <translation>同步文件夹所在磁盘的可用空间不足。请释放一些空间，或将同步文件夹移到其他磁盘。</translation>
     </message>
     <message>
         <source>Properties</source>
-        <translation type="unfinished"></translation>
+        <translation>属性</translation>
     </message>
     <message>
         <source>Free Up Space</source>
-        <translation type="unfinished"></translation>
+        <translation>释放空间</translation>
     </message>
     <message>
         <source>Sync progress</source>
-        <translation type="unfinished"></translation>
+        <translation>同步进度</translation>
     </message>
     <message>
         <source>Download speed</source>
-        <translation type="unfinished"></translation>
+        <translation>下载速度</translation>
     </message>
     <message>
         <source>All activity</source>
-        <translation type="unfinished"></translation>
+        <translation>所有活动</translation>
     </message>
     <message>
         <source>The sync folder cannot be found. It may have been moved, renamed or deleted. Syncing is paused until the folder is available again.</source>
-        <translation type="unfinished"></translation>
+        <translation>找不到同步文件夹。它可能已被移动、重命名或删除。在该文件夹恢复可用之前，同步将暂停。</translation>
     </message>
     <message>
         <source>What would you like to do?</source>
-        <translation type="unfinished"></translation>
+        <translation>您想要做什么？</translation>
     </message>
     <message>
         <source>Check for Updates</source>
-        <translation type="unfinished"></translation>
+        <translation>检查更新</translation>
     </message>
     <message>
         <source>Recent Changes</source>
-        <translation type="unfinished"></translation>
+        <translation>最近更改</translation>
     </message>
     <message>
         <source>The downloaded update is damaged and has been discarded. Please try again later.</source>
-        <translation type="unfinished"></translation>
+        <translation>下载的更新已损坏，已被丢弃。请稍后重试。</translation>
     </message>
     <message>
         <source>Skip temporary and system files</source>
-        <translation type="unfinished"></translation>
+        <translation>跳过临时文件和系统文件</translation>
     </message>
     <message>
         <source>List of connections</source>
-        <translation type="unfinished"></translation>
+        <translation>连接列表</translation>
     </message>
     <message>
         <source>The server certificate has expired. Ask your administrator to renew it.</source>
-        <translation type="unfinished"></translation>
+        <translation>服务器证书已过期。请联系管理员续订证书。</translation>
     </message>
     <message>
         <source>Show password</source>
-        <translation type="unfinished"></translation>
+        <translation>显示密码</translation>
     </message>
     <message>
         <source>Folder name</source>
-        <translation type="unfinished"></translation>
+        <translation>文件夹名称</translation>
     </message>
     <message>
         <source>Inherited from %1</source>
-        <translation type="unfinished"></translation>
+        <translation>继承自 %1</translation>
     </message>
     <message>
         <source>My Quillon</source>
-        <translation type="unfinished"></translation>
+        <translation>我的 Quillon</translation>
     </message>
     <message>
         <source>Clear selection</source>
-        <translation type="unfinished"></translation>
+        <translation>清除选择</translation>
     </message>
     <message>
         <source>Anyone with this link will lose access to the shared item. Do you want to stop sharing?</source>
-        <translation type="unfinished"></translation>
+        <translation>拥有此链接的任何人都将无法再访问共享项目。是否要停止共享？</translation>
     </message>
     <message>
         <source>The Setup Wizard lets you repair the installation on your computer or remove it. Click Next to continue or Cancel to exit the wizard.</source>
-        <translation type="unfinished"></translation>
+        <translation>安装向导可帮助您修复或删除计算机上的安装。单击“下一步”继续，或单击“取消”退出向导。</translation>
     </message>
     <message>
         <source>The certificate was issued for %1, not for %2. You may be connecting through an address that the certificate does not cover.</source>
-        <translation type="unfinished"></translation>
+        <translation>该证书是为 %1 颁发的，而不是为 %2 颁发的。您使用的连接地址可能不在证书的覆盖范围内。</translation>
     </message>
     <message>
         <source>May</source>
-        <translation type="unfinished"></translation>
+        <translation>五月</translation>
     </message>
     <message>
         <source>The passwords do not match.</source>
-        <translation type="unfinished"></translation>
+        <translation>两次输入的密码不一致。</translation>
     </message>
     <message>
         <source>Export Logs</source>
-        <translation type="unfinished"></translation>
+        <translation>导出日志</translation>
     </message>
     <message>
         <source>Copy link</source>
-        <translation type="unfinished"></translation>
+        <translation>复制链接</translation>
     </message>
     <message>
         <source>The name %1 contains characters that are not allowed on the server. Rename the item to sync it.</source>
-        <translation type="unfinished"></translation>
+        <translation>名称 %1 包含服务器不允许使用的字符。请重命名该项目以进行同步。</translation>
     </message>
     <message>
         <source>Share</source>
-        <translation type="unfinished"></translation>
+        <translation>共享</translation>
     </message>
     <message>
         <source>Normal</source>
-        <translation type="unfinished"></translation>
+        <translation>正常</translation>
     </message>
     <message>
         <source>Keep both versions</source>
-        <translation type="unfinished"></translation>
+        <translation>保留两个版本</translation>
     </message>
     <message>
         <source>All Set</source>
-        <translation type="unfinished"></translation>
+        <translation>一切就绪</translation>
     </message>
     <message>
         <source>Versions of %1</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 的版本</translation>
     </message>
     <message>
         <source>Password</source>
-        <translation type="unfinished"></translation>
+        <translation>密码</translation>
     </message>
     <message>
         <source>Available</source>
-        <translation type="unfinished"></translation>
+        <translation>可用</translation>
     </message>
     <message>
         <source>Open Sync Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>打开同步文件夹</translation>
     </message>
     <message>
         <source>%1 of %2 selected</source>
-        <translation type="unfinished"></translation>
+        <translation>已选择 %1 项，共 %2 项</translation>
     </message>
     <message>
         <source>KB/s</source>
-        <translation type="unfinished"></translation>
+        <translation>KB/秒</translation>
     </message>
     <message>
         <source>List of file versions</source>
-        <translation type="unfinished"></translation>
+        <translation>文件版本列表</translation>
     </message>
     <message>
         <source>Upgrade</source>
-        <translation type="unfinished"></translation>
+        <translation>升级</translation>
     </message>
     <message>
         <source>Start Quillon automatically when you sign in, so your files are synced without you having to remember it.</source>
-        <translation type="unfinished"></translation>
+        <translation>登录时自动启动 Quillon，让文件自动保持同步，无需您费心记着。</translation>
     </message>
     <message>
         <source>Choose the server folders to sync to this computer. New folders created on the server can be added automatically.</source>
-        <translation type="unfinished"></translation>
+        <translation>选择要同步到这台计算机的服务器文件夹。服务器上新建的文件夹可以自动添加。</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Installing [ProductName]</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}正在安装 [ProductName]</translation>
     </message>
     <message>
         <source>An unexpected error occurred (code %1).</source>
-        <translation type="unfinished"></translation>
+        <translation>发生意外错误（代码 %1）。</translation>
     </message>
     <message>
         <source>I do not accept the terms of the license agreement</source>
-        <translation type="unfinished"></translation>
+        <translation>我不接受许可协议中的条款</translation>
     </message>
     <message>
         <source>Certificate</source>
-        <translation type="unfinished"></translation>
+        <translation>证书</translation>
     </message>
     <message>
         <source>Take a quick tour of Quillon</source>
-        <translation type="unfinished"></translation>
+        <translation>快速了解 Quillon</translation>
     </message>
     <message>
         <source>March</source>
-        <translation type="unfinished"></translation>
+        <translation>三月</translation>
     </message>
     <message>
         <source>Resume All</source>
-        <translation type="unfinished"></translation>
+        <translation>全部恢复</translation>
     </message>
     <message>
         <source>You do not have permission to delete files in this folder. The deleted files will be downloaded again.</source>
-        <translation type="unfinished"></translation>
+        <translation>您没有删除此文件夹中文件的权限。已删除的文件将被重新下载。</translation>
     </message>
     <message>
         <source>Visit Website</source>
-        <translation type="unfinished"></translation>
+        <translation>访问网站</translation>
     </message>
     <message>
         <source>Choose what the Setup Wizard should do with the installed program.</source>
-        <translation type="unfinished"></translation>
+        <translation>选择安装向导要对已安装程序执行的操作。</translation>
     </message>
     <message>
         <source>Download files only when they are opened</source>
-        <translation type="unfinished"></translation>
+        <translation>仅在打开文件时下载</translation>
     </message>
     <message>
         <source>Restart Quillon to apply the new settings. Syncing continues where it stopped.</source>
-        <translation type="unfinished"></translation>
+        <translation>重新启动 Quillon 以应用新设置。同步将从中断处继续。</translation>
     </message>
     <message>
         <source>Skip files larger than %1 MB</source>
-        <translation type="unfinished"></translation>
+        <translation>跳过大于 %1 MB 的文件</translation>
     </message>
     <message>
         <source>Version %1 (build %2)</source>
-        <translation type="unfinished"></translation>
+        <translation>版本 %1（内部版本 %2）</translation>
     </message>
     <message>
         <source>%1 remaining</source>
-        <translation type="unfinished"></translation>
+        <translation>剩余 %1</translation>
     </message>
     <message>
         <source>Pause syncing during these hours</source>
-        <translation type="unfinished"></translation>
+        <translation>在以下时段暂停同步</translation>
     </message>
     <message>
         <source>This account has been disabled on the server. Please contact your administrator to have it enabled again.</source>
-        <translation type="unfinished"></translation>
+        <translation>此账户已在服务器上被停用。请联系管理员重新启用。</translation>
     </message>
     <message>
         <source>Sync symbolic links</source>
-        <translation type="unfinished"></translation>
+        <translation>同步符号链接</translation>
     </message>
     <message>
         <source>Link</source>
-        <translation type="unfinished"></translation>
+        <translation>链接</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Not Enough Disk Space</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}磁盘空间不足</translation>
     </message>
     <message>
         <source>Also remove my settings, sync session information and logs</source>
-        <translation type="unfinished"></translation>
+        <translation>同时删除我的设置、同步任务信息和日志</translation>
     </message>
     <message>
         <source>Source folders</source>
-        <translation type="unfinished"></translation>
+        <translation>源文件夹</translation>
     </message>
     <message>
         <source>The server runs Quillon Server %1, but this client requires version %2 or later. Please ask your administrator to update the server.</source>
-        <translation type="unfinished"></translation>
+        <translation>服务器运行的是 Quillon Server %1，但此客户端需要 %2 或更高版本。请联系管理员更新服务器。</translation>
     </message>
     <message>
         <source>New Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>新建文件夹</translation>
     </message>
     <message>
         <source>Made a mistake? Right-click a file and restore an earlier version from the file history.</source>
-        <translation type="unfinished"></translation>
+        <translation>操作失误？右键单击文件，即可从文件历史记录中还原早期版本。</translation>
     </message>
     <message>
         <source>Log level</source>
-        <translation type="unfinished"></translation>
+        <translation>日志级别</translation>
     </message>
     <message>
         <source>Remove Session</source>
-        <translation type="unfinished"></translation>
+        <translation>移除同步任务</translation>
     </message>
     <message>
         <source>Saving...</source>
-        <translation type="unfinished"></translation>
+        <translation>正在保存...</translation>
     </message>
     <message>
         <source>Server name</source>
-        <translation type="unfinished"></translation>
+        <translation>服务器名称</translation>
     </message>
     <message>
         <source>Monday</source>
-        <translation type="unfinished"></translation>
+        <translation>星期一</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Change Destination Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}更改目标文件夹</translation>
     </message>
     <message>
         <source>Connected over the local network</source>
-        <translation type="unfinished"></translation>
+        <translation>已通过局域网连接</translation>
     </message>
     <message>
         <source>Unlink</source>
-        <translation type="unfinished"></translation>
+        <translation>取消关联</translation>
     </message>
     <message>
         <source>Resume syncing</source>
-        <translation type="unfinished"></translation>
+        <translation>恢复同步</translation>
     </message>
     <message>
         <source>If you exit Quillon, changes to your files will no longer be synced until you start it again. Do you want to exit?</source>
-        <translation type="unfinished"></translation>
+        <translation>如果退出 Quillon，在您再次启动它之前，对文件的更改将不再同步。是否要退出？</translation>
     </message>
     <message>
         <source>Session name</source>
-        <translation type="unfinished"></translation>
+        <translation>任务名称</translation>
     </message>
     <message>
         <source>Conflict detected</source>
-        <translation type="unfinished"></translation>
+        <translation>检测到冲突</translation>
     </message>
     <message>
         <source>Encrypted shared folders must be mounted on the server before they can be synced. Ask your administrator to mount the folder.</source>
-        <translation type="unfinished"></translation>
+        <translation>加密共享文件夹必须先在服务器上挂载，然后才能同步。请联系管理员挂载该文件夹。</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Ready to Update</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}已准备好更新</translation>
     </message>
     <message>
         <source>Number of visits</source>
-        <translation type="unfinished"></translation>
+        <translation>访问次数</translation>
     </message>
     <message>
         <source>An update is ready. Restart Quillon to install it.</source>
-        <translation type="unfinished"></translation>
+        <translation>更新已准备就绪。重新启动 Quillon 即可安装。</translation>
     </message>
     <message>
         <source>Error</source>
-        <translation type="unfinished"></translation>
+        <translation>错误</translation>
     </message>
     <message>
         <source>You have read-only access to this folder. Changes made on this computer will not be uploaded and will be replaced by the server version.</source>
-        <translation type="unfinished"></translation>
+        <translation>您对此文件夹只有只读权限。在这台计算机上所做的更改不会上传，并将被服务器版本替换。</translation>
     </message>
     <message>
         <source>The source folder of this backup plan cannot be found. Check that the drive that holds it is connected.</source>
-        <translation type="unfinished"></translation>
+        <translation>找不到此备份计划的源文件夹。请检查其所在的驱动器是否已连接。</translation>
     </message>
     <message>
         <source>The proxy server requires a password</source>
-        <translation type="unfinished"></translation>
+        <translation>代理服务器需要密码</translation>
     </message>
     <message>
         <source>Modified by %1</source>
-        <translation type="unfinished"></translation>
+        <translation>由 %1 修改</translation>
     </message>
     <message>
         <source>Go back</source>
-        <translation type="unfinished"></translation>
+        <translation>返回</translation>
     </message>
     <message>
         <source>%1 local changes waiting to upload</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 个本地更改等待上传</translation>
     </message>
     <message>
         <source>Setup was canceled before it finished. Nothing on your computer has been changed. Run the Setup Wizard again whenever you want to install the program.</source>
-        <translation type="unfinished"></translation>
+        <translation>安装在完成之前已被取消。您的计算机未做任何更改。您可以随时再次运行安装向导来安装本程序。</translation>
     </message>
     <message>
         <source>Local path</source>
-        <translation type="unfinished"></translation>
+        <translation>本地路径</translation>
     </message>
     <message>
         <source>Need all of your bandwidth for a while? Pause syncing at any time from the tray menu.</source>
-        <translation type="unfinished"></translation>
+        <translation>需要暂时占用全部带宽？随时可以从托盘菜单暂停同步。</translation>
     </message>
     <message>
         <source>Required</source>
-        <translation type="unfinished"></translation>
+        <translation>需要</translation>
     </message>
     <message>
         <source>Advanced</source>
-        <translation type="unfinished"></translation>
+        <translation>高级</translation>
     </message>
     <message>
         <source>Time</source>
-        <translation type="unfinished"></translation>
+        <translation>时间</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Repair or Remove Installation</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}修复或删除安装</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Bigger}Setup Could Not Finish</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Bigger}安装未能完成</translation>
     </message>
     <message>
         <source>No limit</source>
-        <translation type="unfinished"></translation>
+        <translation>无限制</translation>
     </message>
     <message>
         <source>Quillon – %1 items could not be synced</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon – %1 个项目无法同步</translation>
     </message>
     <message>
         <source>Quillon Setup</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon 设置向导</translation>
     </message>
     <message>
         <source>Some files were skipped because of their name, size or type. See the details for more information.</source>
-        <translation type="unfinished"></translation>
+        <translation>部分文件因名称、大小或类型而被跳过。请查看详细信息了解更多内容。</translation>
     </message>
     <message>
         <source>Edit Sync Session</source>
-        <translation type="unfinished"></translation>
+        <translation>编辑同步任务</translation>
     </message>
     <message>
         <source>You do not have permission to share this item. Ask its owner to share it or to give you permission.</source>
-        <translation type="unfinished"></translation>
+        <translation>您没有共享此项目的权限。请让其所有者共享该项目，或向您授予权限。</translation>
     </message>
     <message>
         <source>Tuesday</source>
-        <translation type="unfinished"></translation>
+        <translation>星期二</translation>
     </message>
     <message>
         <source>Moved</source>
-        <translation type="unfinished"></translation>
+        <translation>已移动</translation>
     </message>
     <message>
         <source>Got it!</source>
-        <translation type="unfinished"></translation>
+        <translation>知道了！</translation>
     </message>
     <message>
         <source>Connected to %1 as %2</source>
-        <translation type="unfinished"></translation>
+        <translation>已以 %2 身份连接到 %1</translation>
     </message>
     <message>
         <source>Quillon uses the proxy settings of your system unless you enter other settings here. The proxy is used for every connection except those to addresses on your local network.</source>
-        <translation type="unfinished"></translation>
+        <translation>除非您在此处输入其他设置，否则 Quillon 将使用系统的代理设置。除了到局域网地址的连接外，所有连接都会使用代理。</translation>
     </message>
     <message>
         <source>Keeps the files on your computers in sync with your Quillon server</source>
-        <translation type="unfinished"></translation>
+        <translation>使您计算机上的文件与 Quillon 服务器保持同步</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Bigger}Welcome to [ProductName] Setup</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Bigger}欢迎使用 [ProductName] 安装程序</translation>
     </message>
     <message>
         <source>Update available</source>
-        <translation type="unfinished"></translation>
+        <translation>有可用更新</translation>
     </message>
     <message>
         <source>Show QR Code</source>
-        <translation type="unfinished"></translation>
+        <translation>显示二维码</translation>
     </message>
     <message>
         <source>Compare Versions</source>
-        <translation type="unfinished"></translation>
+        <translation>比较版本</translation>
     </message>
     <message>
         <source>Can upload</source>
-        <translation type="unfinished"></translation>
+        <translation>可上传</translation>
     </message>
     <message>
         <source>Restore %1 to the version of %2? The current version will be kept in the file history.</source>
-        <translation type="unfinished"></translation>
+        <translation>要将 %1 还原到 %2 的版本吗？当前版本将保留在文件历史记录中。</translation>
     </message>
     <message>
         <source>Modified by</source>
-        <translation type="unfinished"></translation>
+        <translation>修改者</translation>
     </message>
     <message>
         <source>This server does not support file syncing. Ask your administrator to install the Quillon Server package on it.</source>
-        <translation type="unfinished"></translation>
+        <translation>此服务器不支持文件同步。请联系管理员在服务器上安装 Quillon Server 软件包。</translation>
     </message>
     <message>
         <source>Open Log Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>打开日志文件夹</translation>
     </message>
     <message>
         <source>The connection is encrypted.</source>
-        <translation type="unfinished"></translation>
+        <translation>连接已加密。</translation>
     </message>
     <message>
         <source>Mark all as read</source>
-        <translation type="unfinished"></translation>
+        <translation>全部标记为已读</translation>
     </message>
     <message>
         <source>View Conflicts</source>
-        <translation type="unfinished"></translation>
+        <translation>查看冲突</translation>
     </message>
     <message>
         <source>Confirm</source>
-        <translation type="unfinished"></translation>
+        <translation>确认</translation>
     </message>
     <message>
         <source>Servers found on your local network</source>
-        <translation type="unfinished"></translation>
+        <translation>在局域网中找到的服务器</translation>
     </message>
     <message>
         <source>The port must be a number between 1 and 65535.</source>
-        <translation type="unfinished"></translation>
+        <translation>端口必须是 1 到 65535 之间的数字。</translation>
     </message>
     <message>
         <source>No recently synced files.</source>
-        <translation type="unfinished"></translation>
+        <translation>没有最近同步的文件。</translation>
     </message>
     <message>
         <source>Sync Conflicts</source>
-        <translation type="unfinished"></translation>
+        <translation>同步冲突</translation>
     </message>
     <message>
         <source>Two-step verification is required for this account. Enter the code shown by your authenticator app.</source>
-        <translation type="unfinished"></translation>
+        <translation>此账户需要进行两步验证。请输入身份验证器应用显示的验证码。</translation>
     </message>
     <message>
         <source>Include folder %1 in sync</source>
-        <translation type="unfinished"></translation>
+        <translation>将文件夹 %1 包括在同步中</translation>
     </message>
     <message>
         <source>Some files that setup has to replace are being used.</source>
-        <translation type="unfinished"></translation>
+        <translation>安装程序需要替换的某些文件正在使用中。</translation>
     </message>
     <message>
         <source>Update Now</source>
-        <translation type="unfinished"></translation>
+        <translation>立即更新</translation>
     </message>
     <message>
         <source>Sync Sessions</source>
-        <translation type="unfinished"></translation>
+        <translation>同步任务</translation>
     </message>
     <message>
         <source>Put files into your sync folder and they appear on your server and on every other computer connected to it.</source>
-        <translation type="unfinished"></translation>
+        <translation>将文件放入同步文件夹后，它们就会出现在服务器以及与之连接的所有其他计算机上。</translation>
     </message>
     <message>
         <source>Updating...</source>
-        <translation type="unfinished"></translation>
+        <translation>正在更新...</translation>
     </message>
     <message>
         <source>Download Update</source>
-        <translation type="unfinished"></translation>
+        <translation>下载更新</translation>
     </message>
     <message>
         <source>List of sync sessions</source>
-        <translation type="unfinished"></translation>
+        <translation>同步任务列表</translation>
     </message>
     <message>
         <source>Preparing...</source>
-        <translation type="unfinished"></translation>
+        <translation>正在准备...</translation>
     </message>
     <message>
         <source>Only the selected folders are synced to this computer. Folders you clear are removed from this computer but stay on the server, where you can still open them from the web portal.</source>
-        <translation type="unfinished"></translation>
+        <translation>只有所选文件夹会同步到这台计算机。取消勾选的文件夹将从这台计算机中移除，但会保留在服务器上，您仍可通过网页门户打开它们。</translation>
     </message>
     <message>
         <source>The applications listed below are using files that this setup has to replace. Close them and click Retry to continue, or click Ignore to replace the files after a restart.</source>
-        <translation type="unfinished"></translation>
+        <translation>下列应用程序正在使用本安装程序需要替换的文件。请关闭这些应用程序并单击“重试”继续，或单击“忽略”在重新启动后替换这些文件。</translation>
     </message>
     <message>
         <source>The server is in maintenance mode. Syncing resumes automatically when the maintenance is over.</source>
-        <translation type="unfinished"></translation>
+        <translation>服务器正处于维护模式。维护结束后，同步将自动恢复。</translation>
     </message>
     <message>
         <source>Modified on %1</source>
-        <translation type="unfinished"></translation>
+        <translation>修改于 %1</translation>
     </message>
     <message>
         <source>%1 of %2 used</source>
-        <translation type="unfinished"></translation>
+        <translation>已使用 %1，共 %2</translation>
     </message>
     <message>
         <source>All files in this session are up to date.</source>
-        <translation type="unfinished"></translation>
+        <translation>此同步任务中的所有文件均已是最新。</translation>
     </message>
     <message>
         <source>Back up files</source>
-        <translation type="unfinished"></translation>
+        <translation>备份文件</translation>
     </message>
     <message>
         <source>%1 was changed on this computer and on the server. Choose which version to keep or keep both of them.</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 在这台计算机和服务器上都已被更改。请选择要保留的版本，或同时保留两个版本。</translation>
     </message>
     <message>
         <source>Network</source>
-        <translation type="unfinished"></translation>
+        <translation>网络</translation>
     </message>
     <message>
         <source>Recent Files</source>
-        <translation type="unfinished"></translation>
+        <translation>最近的文件</translation>
     </message>
     <message>
         <source>File name</source>
-        <translation type="unfinished"></translation>
+        <translation>文件名</translation>
     </message>
     <message>
         <source>A folder named %1 already exists.</source>
-        <translation type="unfinished"></translation>
+        <translation>已存在名为 %1 的文件夹。</translation>
     </message>
     <message>
         <source>Connections</source>
-        <translation type="unfinished"></translation>
+        <translation>连接</translation>
     </message>
     <message>
         <source>Selective Sync...</source>
-        <translation type="unfinished"></translation>
+        <translation>选择性同步...</translation>
     </message>
     <message>
         <source>Status</source>
-        <translation type="unfinished"></translation>
+        <translation>状态</translation>
     </message>
     <message>
         <source>Uploading</source>
-        <translation type="unfinished"></translation>
+        <translation>正在上传</translation>
     </message>
     <message>
         <source>Sign-in failed. The username or password is incorrect. Passwords are case-sensitive, so check that Caps Lock is off.</source>
-        <translation type="unfinished"></translation>
+        <translation>登录失败。用户名或密码不正确。密码区分大小写，请检查是否已关闭大写锁定。</translation>
     </message>
     <message>
         <source>Resume</source>
-        <translation type="unfinished"></translation>
+        <translation>恢复</translation>
     </message>
     <message>
         <source>Replaces missing or damaged program files and shortcuts with the files of this installation package.</source>
-        <translation type="unfinished"></translation>
+        <translation>使用此安装包中的文件替换缺失或损坏的程序文件和快捷方式。</translation>
     </message>
     <message>
         <source>The server is busy. Quillon will try again in a few minutes.</source>
-        <translation type="unfinished"></translation>
+        <translation>服务器繁忙。Quillon 将在几分钟后重试。</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Ready to Remove</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}已准备好删除</translation>
     </message>
     <message>
         <source>Please enter a password.</source>
-        <translation type="unfinished"></translation>
+        <translation>请输入密码。</translation>
     </message>
     <message>
         <source>Use the default folder</source>
-        <translation type="unfinished"></translation>
+        <translation>使用默认文件夹</translation>
     </message>
     <message>
         <source>Some files could not be synced</source>
-        <translation type="unfinished"></translation>
+        <translation>部分文件无法同步</translation>
     </message>
     <message>
         <source>Search files</source>
-        <translation type="unfinished"></translation>
+        <translation>搜索文件</translation>
     </message>
     <message>
         <source>Delete Version</source>
-        <translation type="unfinished"></translation>
+        <translation>删除版本</translation>
     </message>
     <message>
         <source>Create Connection</source>
-        <translation type="unfinished"></translation>
+        <translation>创建连接</translation>
     </message>
     <message>
         <source>Latest version</source>
-        <translation type="unfinished"></translation>
+        <translation>最新版本</translation>
     </message>
     <message>
         <source>Setup will guide you through the installation of Quillon. Please exit Quillon and close other programs that may use its files before you continue, so that setup can replace them without a restart.</source>
-        <translation type="unfinished"></translation>
+        <translation>安装程序将引导您完成 Quillon 的安装。继续之前，请退出 Quillon 并关闭可能使用其文件的其他程序，以便安装程序无需重新启动即可替换这些文件。</translation>
     </message>
     <message>
         <source>Restore</source>
-        <translation type="unfinished"></translation>
+        <translation>还原</translation>
     </message>
     <message>
         <source>%1 files were added to %2.</source>
-        <translation type="unfinished"></translation>
+        <translation>已向 %2 添加 %1 个文件。</translation>
     </message>
     <message>
         <source>Owner</source>
-        <translation type="unfinished"></translation>
+        <translation>所有者</translation>
     </message>
     <message>
         <source>Location</source>
-        <translation type="unfinished"></translation>
+        <translation>位置</translation>
     </message>
     <message>
         <source>Downloaded</source>
-        <translation type="unfinished"></translation>
+        <translation>已下载</translation>
     </message>
     <message>
         <source>Searching for servers on your local network...</source>
-        <translation type="unfinished"></translation>
+        <translation>正在局域网中搜索服务器...</translation>
     </message>
     <message>
         <source>Syncing %1 files</source>
-        <translation type="unfinished"></translation>
+        <translation>正在同步 %1 个文件</translation>
     </message>
     <message>
         <source>Speed limit</source>
-        <translation type="unfinished"></translation>
+        <translation>速度限制</translation>
     </message>
     <message>
         <source>Keep the local version</source>
-        <translation type="unfinished"></translation>
+        <translation>保留本地版本</translation>
     </message>
     <message>
         <source>%1 could not be deleted because it is in use or you do not have permission to delete it.</source>
-        <translation type="unfinished"></translation>
+        <translation>无法删除 %1，因为它正在使用中，或者您没有删除它的权限。</translation>
     </message>
     <message>
         <source>Ready to Sync</source>
-        <translation type="unfinished"></translation>
+        <translation>已准备好同步</translation>
     </message>
     <message>
         <source>Ignore</source>
-        <translation type="unfinished"></translation>
+        <translation>忽略</translation>
     </message>
     <message>
         <source>Close the applications automatically and start them again afterwards</source>
-        <translation type="unfinished"></translation>
+        <translation>自动关闭应用程序，并在之后重新启动它们</translation>
     </message>
     <message>
         <source>Checking for updates...</source>
-        <translation type="unfinished"></translation>
+        <translation>正在检查更新...</translation>
     </message>
     <message>
         <source>Quillon is now syncing your files. You can follow the progress from the tray icon and change your settings at any time.</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon 正在同步您的文件。您可以通过托盘图标查看进度，并随时更改设置。</translation>
     </message>
     <message>
         <source>Logs help the support team find the cause of a problem. They contain file names and error messages, but never the contents of your files or your password.</source>
-        <translation type="unfinished"></translation>
+        <translation>日志可帮助支持团队找到问题原因。日志包含文件名和错误消息，但绝不包含您的文件内容或密码。</translation>
     </message>
     <message>
         <source>Sign In Again</source>
-        <translation type="unfinished"></translation>
+        <translation>重新登录</translation>
     </message>
     <message>
         <source>Network tab</source>
-        <translation type="unfinished"></translation>
+        <translation>网络选项卡</translation>
     </message>
     <message>
         <source>Backup Plans</source>
-        <translation type="unfinished"></translation>
+        <translation>备份计划</translation>
     </message>
     <message>
         <source>File Filter</source>
-        <translation type="unfinished"></translation>
+        <translation>文件筛选器</translation>
     </message>
     <message>
         <source>%1 items could not be synced. Click here to see the details.</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 个项目无法同步。单击此处查看详细信息。</translation>
     </message>
     <message>
         <source>The folder path is not valid. Please choose a folder on a local drive that you have permission to write to.</source>
-        <translation type="unfinished"></translation>
+        <translation>文件夹路径无效。请选择本地驱动器上您有写入权限的文件夹。</translation>
     </message>
     <message>
         <source>Use * to match any characters and ? to match a single character, for example *.tmp or ~$*</source>
-        <translation type="unfinished"></translation>
+        <translation>使用 * 匹配任意多个字符，使用 ? 匹配单个字符，例如 *.tmp 或 ~$*</translation>
     </message>
     <message>
         <source>Protect the link with a password</source>
-        <translation type="unfinished"></translation>
+        <translation>使用密码保护链接</translation>
     </message>
     <message>
         <source>The connection timed out because the server took too long to respond. Quillon will try again shortly.</source>
-        <translation type="unfinished"></translation>
+        <translation>服务器响应时间过长，连接已超时。Quillon 将很快重试。</translation>
     </message>
     <message>
         <source>Pause All</source>
-        <translation type="unfinished"></translation>
+        <translation>全部暂停</translation>
     </message>
     <message>
         <source>Update</source>
-        <translation type="unfinished"></translation>
+        <translation>更新</translation>
     </message>
     <message>
         <source>Debug</source>
-        <translation type="unfinished"></translation>
+        <translation>调试</translation>
     </message>
     <message>
         <source>A conflict occurs when a file is changed on this computer and on the server before the two sides are synced. Quillon never overwrites one change with the other without your consent.</source>
-        <translation type="unfinished"></translation>
+        <translation>如果文件在同步之前在这台计算机和服务器上都被更改，就会发生冲突。未经您的同意，Quillon 绝不会用一方的更改覆盖另一方的更改。</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}End-User License Agreement</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}最终用户许可协议</translation>
     </message>
     <message>
         <source>Could not check for updates. Quillon will try again later.</source>
-        <translation type="unfinished"></translation>
+        <translation>无法检查更新。Quillon 将稍后重试。</translation>
     </message>
     <message>
         <source>Apply to all conflicts</source>
-        <translation type="unfinished"></translation>
+        <translation>应用于所有冲突</translation>
     </message>
     <message>
         <source>Connected</source>
-        <translation type="unfinished"></translation>
+        <translation>已连接</translation>
     </message>
     <message>
         <source>February</source>
-        <translation type="unfinished"></translation>
+        <translation>二月</translation>
     </message>
     <message>
         <source>Back up folders such as Documents and Pictures to your server on a schedule, and restore them whenever you need to.</source>
-        <translation type="unfinished"></translation>
+        <translation>定期将“文档”和“图片”等文件夹备份到服务器，并可随时按需还原。</translation>
     </message>
     <message>
         <source>Black-and-white tray icon</source>
-        <translation type="unfinished"></translation>
+        <translation>黑白托盘图标</translation>
     </message>
     <message>
         <source>September</source>
-        <translation type="unfinished"></translation>
+        <translation>九月</translation>
     </message>
     <message>
         <source>Click Install to start the installation. Click Back to review or change your choices, or Cancel to exit the wizard.</source>
-        <translation type="unfinished"></translation>
+        <translation>单击“安装”开始安装。单击“上一步”查看或更改您的选择，或单击“取消”退出向导。</translation>
     </message>
     <message>
         <source>Rename</source>
-        <translation type="unfinished"></translation>
+        <translation>重命名</translation>
     </message>
     <message>
         <source>The local database is damaged. Quillon will rebuild it and compare all files with the server again. This can take a while.</source>
-        <translation type="unfinished"></translation>
+        <translation>本地数据库已损坏。Quillon 将重建数据库，并重新与服务器比较所有文件。这可能需要一段时间。</translation>
     </message>
     <message>
         <source>Keep Server Version</source>
-        <translation type="unfinished"></translation>
+        <translation>保留服务器版本</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Bigger}Setup Was Canceled</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Bigger}安装已取消</translation>
     </message>
     <message>
         <source>A backup plan copies the selected folders to the server on a schedule. Deleting a file on this computer does not delete its backup, and earlier versions can be restored at any time.</source>
-        <translation type="unfinished"></translation>
+        <translation>备份计划会定期将所选文件夹复制到服务器。在这台计算机上删除文件不会删除其备份，并且可以随时还原早期版本。</translation>
     </message>
     <message>
         <source>Queued</source>
-        <translation type="unfinished"></translation>
+        <translation>排队中</translation>
     </message>
     <message>
         <source>October</source>
-        <translation type="unfinished"></translation>
+        <translation>十月</translation>
     </message>
     <message>
         <source>Install and Restart</source>
-        <translation type="unfinished"></translation>
+        <translation>安装并重新启动</translation>
     </message>
     <message>
         <source>Allow visitors to download the shared files</source>
-        <translation type="unfinished"></translation>
+        <translation>允许访问者下载共享的文件</translation>
     </message>
     <message>
         <source>Disk Size</source>
-        <translation type="unfinished"></translation>
+        <translation>磁盘大小</translation>
     </message>
     <message>
         <source>April</source>
-        <translation type="unfinished"></translation>
+        <translation>四月</translation>
     </message>
     <message>
         <source>Uploaded</source>
-        <translation type="unfinished"></translation>
+        <translation>已上传</translation>
     </message>
     <message>
         <source>About %1 of free space is needed on this computer.</source>
-        <translation type="unfinished"></translation>
+        <translation>这台计算机上需要约 %1 的可用空间。</translation>
     </message>
     <message>
         <source>Do you want to unlink this computer from the server? All sync sessions of this connection will be removed. Your files are not deleted.</source>
-        <translation type="unfinished"></translation>
+        <translation>是否要取消这台计算机与服务器的关联？此连接的所有同步任务都将被移除。您的文件不会被删除。</translation>
     </message>
     <message>
         <source>Every hour</source>
-        <translation type="unfinished"></translation>
+        <translation>每小时</translation>
     </message>
     <message>
         <source>Change...</source>
-        <translation type="unfinished"></translation>
+        <translation>更改...</translation>
     </message>
     <message>
         <source>Scanning local files for changes...</source>
-        <translation type="unfinished"></translation>
+        <translation>正在扫描本地文件的更改...</translation>
     </message>
     <message>
         <source>The server cannot be reached. Check that it is switched on and connected to the network. Quillon keeps trying to reconnect.</source>
-        <translation type="unfinished"></translation>
+        <translation>无法访问服务器。请检查服务器是否已开机并连接到网络。Quillon 会持续尝试重新连接。</translation>
     </message>
     <message>
         <source>Privacy Policy</source>
-        <translation type="unfinished"></translation>
+        <translation>隐私政策</translation>
     </message>
     <message>
         <source>This version of Quillon is no longer supported by the server. Please install the latest version to continue syncing.</source>
-        <translation type="unfinished"></translation>
+        <translation>服务器已不再支持此版本的 Quillon。请安装最新版本以继续同步。</translation>
     </message>
     <message>
         <source>Next tip</source>
-        <translation type="unfinished"></translation>
+        <translation>下一条提示</translation>
     </message>
     <message>
         <source>The sync session has been created. Quillon starts syncing right away.</source>
-        <translation type="unfinished"></translation>
+        <translation>同步任务已创建。Quillon 将立即开始同步。</translation>
     </message>
     <message>
         <source>Type</source>
-        <translation type="unfinished"></translation>
+        <translation>类型</translation>
     </message>
     <message>
         <source>Leave the applications open and restart the computer later</source>
-        <translation type="unfinished"></translation>
+        <translation>保持应用程序打开，稍后重新启动计算机</translation>
     </message>
     <message>
         <source>Session Details</source>
-        <translation type="unfinished"></translation>
+        <translation>任务详细信息</translation>
     </message>
     <message>
         <source>Do you want to remove this sync session? Syncing stops, but the files on this computer and on the server are kept.</source>
-        <translation type="unfinished"></translation>
+        <translation>是否要移除此同步任务？同步将停止，但这台计算机和服务器上的文件都会保留。</translation>
     </message>
     <message>
         <source>Keep Local Version</source>
-        <translation type="unfinished"></translation>
+        <translation>保留本地版本</translation>
     </message>
     <message>
         <source>Sync Settings</source>
-        <translation type="unfinished"></translation>
+        <translation>同步设置</translation>
     </message>
     <message>
         <source>Sharing is disabled for this account. Contact your administrator if you need to share files.</source>
-        <translation type="unfinished"></translation>
+        <translation>此账户已禁用共享功能。如需共享文件，请联系管理员。</translation>
     </message>
     <message>
         <source>This program requires Windows 7 Service Pack 1 or later. Setup will now exit.</source>
-        <translation type="unfinished"></translation>
+        <translation>本程序需要 Windows 7 Service Pack 1 或更高版本。安装程序现在将退出。</translation>
     </message>
     <message>
         <source>Remove Rule</source>
-        <translation type="unfinished"></translation>
+        <translation>移除规则</translation>
     </message>
     <message>
         <source>Get Support</source>
-        <translation type="unfinished"></translation>
+        <translation>获取支持</translation>
     </message>
     <message>
         <source>Server</source>
-        <translation type="unfinished"></translation>
+        <translation>服务器</translation>
     </message>
     <message>
         <source>Sync status</source>
-        <translation type="unfinished"></translation>
+        <translation>同步状态</translation>
     </message>
     <message>
         <source>Stop Sharing</source>
-        <translation type="unfinished"></translation>
+        <translation>停止共享</translation>
     </message>
     <message>
         <source>November</source>
-        <translation type="unfinished"></translation>
+        <translation>十一月</translation>
     </message>
     <message>
         <source>Language</source>
-        <translation type="unfinished"></translation>
+        <translation>语言</translation>
     </message>
     <message>
         <source>A sync conflict occurred for %1. Both versions have been kept.</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 发生同步冲突。两个版本均已保留。</translation>
     </message>
     <message>
         <source>Install [ProductName] in this folder:</source>
-        <translation type="unfinished"></translation>
+        <translation>将 [ProductName] 安装到此文件夹：</translation>
     </message>
     <message>
         <source>Setup stopped because of an error. Nothing on your computer has been changed. Run the Setup Wizard again later to install the program.</source>
-        <translation type="unfinished"></translation>
+        <translation>安装因出错而停止。您的计算机未做任何更改。请稍后再次运行安装向导来安装本程序。</translation>
     </message>
     <message>
         <source>Server name, IP address or relay ID, for example files.example.com</source>
-        <translation type="unfinished"></translation>
+        <translation>服务器名称、IP 地址或中继 ID，例如 files.example.com</translation>
     </message>
     <message>
         <source>Waiting</source>
-        <translation type="unfinished"></translation>
+        <translation>等待中</translation>
     </message>
     <message>
         <source>Never expires</source>
-        <translation type="unfinished"></translation>
+        <translation>永不过期</translation>
     </message>
     <message>
         <source>A newer version of [ProductName] is already installed on this computer. Setup will now exit.</source>
-        <translation type="unfinished"></translation>
+        <translation>这台计算机上已安装了更新版本的 [ProductName]。安装程序现在将退出。</translation>
     </message>
     <message>
         <source>Created on %1</source>
-        <translation type="unfinished"></translation>
+        <translation>创建于 %1</translation>
     </message>
     <message>
         <source>Wednesday</source>
-        <translation type="unfinished"></translation>
+        <translation>星期三</translation>
     </message>
     <message>
         <source>Downloading</source>
-        <translation type="unfinished"></translation>
+        <translation>正在下载</translation>
     </message>
     <message>
         <source>When a conflict occurs</source>
-        <translation type="unfinished"></translation>
+        <translation>发生冲突时</translation>
     </message>
     <message>
         <source>Add Connection...</source>
-        <translation type="unfinished"></translation>
+        <translation>添加连接...</translation>
     </message>
     <message>
         <source>Downloading update... %1%</source>
-        <translation type="unfinished"></translation>
+        <translation>正在下载更新... %1%</translation>
     </message>
     <message>
         <source>Automatic Setup</source>
-        <translation type="unfinished"></translation>
+        <translation>自动设置</translation>
     </message>
     <message>
         <source>The Setup Wizard will update the installed copy of [ProductName] on your computer. Your sync sessions and settings are kept. Click Next to continue or Cancel to exit the wizard.</source>
-        <translation type="unfinished"></translation>
+        <translation>安装向导将更新您计算机上已安装的 [ProductName]。您的同步任务和设置将会保留。单击“下一步”继续，或单击“取消”退出向导。</translation>
     </message>
     <message>
         <source>The logs have been saved to your desktop as a compressed archive.</source>
-        <translation type="unfinished"></translation>
+        <translation>日志已作为压缩文件保存到您的桌面。</translation>
     </message>
     <message>
         <source>Pause syncing</source>
-        <translation type="unfinished"></translation>
+        <translation>暂停同步</translation>
     </message>
     <message>
         <source>Do not use the proxy for local addresses</source>
-        <translation type="unfinished"></translation>
+        <translation>对本地地址不使用代理</translation>
     </message>
     <message>
         <source>Remove</source>
-        <translation type="unfinished"></translation>
+        <translation>删除</translation>
     </message>
     <message>
         <source>Create a desktop shortcut</source>
-        <translation type="unfinished"></translation>
+        <translation>创建桌面快捷方式</translation>
     </message>
     <message>
         <source>You are offline. Changes are kept on this computer and synced when the connection is back.</source>
-        <translation type="unfinished"></translation>
+        <translation>您当前处于离线状态。更改会保留在这台计算机上，并在连接恢复后同步。</translation>
     </message>
     <message>
         <source>A new version of Quillon is available. Click here to update.</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon 有新版本可用。单击此处进行更新。</translation>
     </message>
     <message>
         <source>Downloading %1</source>
-        <translation type="unfinished"></translation>
+        <translation>正在下载 %1</translation>
     </message>
     <message>
         <source>%1 files were deleted from %2. Do you want to delete them on the other side too? Choose Restore if you did not delete them on purpose, and the files will be downloaded again.</source>
-        <translation type="unfinished"></translation>
+        <translation>已从 %2 中删除 %1 个文件。是否也要在另一端删除这些文件？如果这些文件并非您有意删除，请选择“还原”，文件将被重新下载。</translation>
     </message>
     <message>
         <source>Enter the address manually</source>
-        <translation type="unfinished"></translation>
+        <translation>手动输入地址</translation>
     </message>
     <message>
         <source>Download only</source>
-        <translation type="unfinished"></translation>
+        <translation>仅下载</translation>
     </message>
     <message>
         <source>A sharing link has been created and copied to the clipboard.</source>
-        <translation type="unfinished"></translation>
+        <translation>已创建共享链接，并已复制到剪贴板。</translation>
     </message>
     <message>
         <source>The program has been installed. Click Finish to close the Setup Wizard.</source>
-        <translation type="unfinished"></translation>
+        <translation>程序已安装。单击“完成”关闭安装向导。</translation>
     </message>
     <message>
         <source>Exclude from Sync</source>
-        <translation type="unfinished"></translation>
+        <translation>从同步中排除</translation>
     </message>
     <message>
         <source>No servers were found on your local network.</source>
-        <translation type="unfinished"></translation>
+        <translation>在局域网中未找到服务器。</translation>
     </message>
     <message>
         <source>%1 MB</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 MB</translation>
     </message>
     <message>
         <source>The Setup Wizard is repairing the program. This may take several minutes.</source>
-        <translation type="unfinished"></translation>
+        <translation>安装向导正在修复本程序。这可能需要几分钟时间。</translation>
     </message>
     <message>
         <source>Print</source>
-        <translation type="unfinished"></translation>
+        <translation>打印</translation>
     </message>
     <message>
         <source>Less than %1 of free space is left on this computer. Syncing will pause when the disk is full.</source>
-        <translation type="unfinished"></translation>
+        <translation>这台计算机上的可用空间已不足 %1。磁盘已满时，同步将暂停。</translation>
     </message>
     <message>
         <source>Details</source>
-        <translation type="unfinished"></translation>
+        <translation>详细信息</translation>
     </message>
     <message>
         <source>Every week</source>
-        <translation type="unfinished"></translation>
+        <translation>每周</translation>
     </message>
     <message>
         <source>The connection to %1 was lost. Quillon keeps trying to reconnect.</source>
-        <translation type="unfinished"></translation>
+        <translation>与 %1 的连接已断开。Quillon 会持续尝试重新连接。</translation>
     </message>
     <message>
         <source>Welcome to the Quillon Installer</source>
-        <translation type="unfinished"></translation>
+        <translation>欢迎使用 Quillon 安装程序</translation>
     </message>
     <message>
         <source>The changes made to [ProductName] take effect after your computer restarts. Click Yes to restart now or No to restart later.</source>
-        <translation type="unfinished"></translation>
+        <translation>对 [ProductName] 所做的更改将在计算机重新启动后生效。单击“是”立即重新启动，或单击“否”稍后重新启动。</translation>
     </message>
     <message>
         <source>Quick Start Guide</source>
-        <translation type="unfinished"></translation>
+        <translation>快速入门指南</translation>
     </message>
     <message>
         <source>Icons on your files show whether they are synced, are being synced or have a problem that needs your attention.</source>
-        <translation type="unfinished"></translation>
+        <translation>文件上的图标会显示文件是否已同步、正在同步，或存在需要您处理的问题。</translation>
     </message>
     <message>
         <source>Choose which server folders are kept on this computer with Selective Sync, and save space on a small disk.</source>
-        <translation type="unfinished"></translation>
+        <translation>使用“选择性同步”选择要在这台计算机上保留哪些服务器文件夹，为小容量磁盘节省空间。</translation>
     </message>
     <message>
         <source>Changes on either side are copied to the other side, including deletions.</source>
-        <translation type="unfinished"></translation>
+        <translation>任一端的更改（包括删除操作）都会复制到另一端。</translation>
     </message>
     <message>
         <source>Copyright © 2024 Tessaril. All rights reserved.</source>
-        <translation type="unfinished"></translation>
+        <translation>版权所有 © 2024 Tessaril。保留所有权利。</translation>
     </message>
     <message>
         <source>Account picture</source>
-        <translation type="unfinished"></translation>
+        <translation>账户头像</translation>
     </message>
     <message>
         <source>Loading...</source>
-        <translation type="unfinished"></translation>
+        <translation>正在加载...</translation>
     </message>
     <message>
         <source>Read only</source>
-        <translation type="unfinished"></translation>
+        <translation>只读</translation>
     </message>
 </context>
 </TS>
