@@ -7,2607 +7,2607 @@
     <name>global</name>
     <message>
         <source>Open Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>開啟資料夾</translation>
     </message>
     <message>
         <source>This wizard installs [ProductName] on your computer. Click Next to continue or Cancel to exit the wizard.</source>
-        <translation type="unfinished"></translation>
+        <translation>此精靈會在您的電腦上安裝 [ProductName]。按一下「下一步」繼續，或按一下「取消」結束精靈。</translation>
     </message>
     <message>
         <source>Folder on the server</source>
-        <translation type="unfinished"></translation>
+        <translation>伺服器上的資料夾</translation>
     </message>
     <message>
         <source>Automatic setup could not be completed because the settings provided by your administrator are incomplete or the server cannot be reached. Please set up the connection manually.</source>
-        <translation type="unfinished"></translation>
+        <translation>由於系統管理員提供的設定不完整或無法連線到伺服器，因此無法完成自動設定。請手動設定連線。</translation>
     </message>
     <message>
         <source>Files in %1 will be kept in sync with %2 on %3.</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 中的檔案將與 %3 上的 %2 保持同步。</translation>
     </message>
     <message>
         <source>Expires on %1</source>
-        <translation type="unfinished"></translation>
+        <translation>於 %1 到期</translation>
     </message>
     <message>
         <source>System default</source>
-        <translation type="unfinished"></translation>
+        <translation>系統預設值</translation>
     </message>
     <message>
         <source>Next</source>
-        <translation type="unfinished"></translation>
+        <translation>下一步</translation>
     </message>
     <message>
         <source>Do you want to uninstall Quillon? Your synced files and the data on your server are not deleted.</source>
-        <translation type="unfinished"></translation>
+        <translation>要解除安裝 Quillon 嗎？您已同步的檔案及伺服器上的資料都不會被刪除。</translation>
     </message>
     <message>
         <source>Plan name</source>
-        <translation type="unfinished"></translation>
+        <translation>計畫名稱</translation>
     </message>
     <message>
         <source>Quillon lives in the system tray. Click the icon to see what is being synced and to open your sync folder.</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon 位於系統匣中。按一下圖示即可查看正在同步的內容，並開啟您的同步資料夾。</translation>
     </message>
     <message>
         <source>Clear all</source>
-        <translation type="unfinished"></translation>
+        <translation>全部清除</translation>
     </message>
     <message>
         <source>Schedule</source>
-        <translation type="unfinished"></translation>
+        <translation>排程</translation>
     </message>
     <message>
         <source>%1 was updated.</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 已更新。</translation>
     </message>
     <message>
         <source>Exit</source>
-        <translation type="unfinished"></translation>
+        <translation>結束</translation>
     </message>
     <message>
         <source>The backup destination does not have enough free space. Free some space on the server or reduce the number of kept versions.</source>
-        <translation type="unfinished"></translation>
+        <translation>備份目的地的可用空間不足。請釋放伺服器上的部分空間，或減少保留的版本數量。</translation>
     </message>
     <message>
         <source>Changes on the server are copied to this computer. Local changes are not uploaded.</source>
-        <translation type="unfinished"></translation>
+        <translation>伺服器上的變更會複製到這部電腦，本機變更則不會上傳。</translation>
     </message>
     <message>
         <source>Close</source>
-        <translation type="unfinished"></translation>
+        <translation>關閉</translation>
     </message>
     <message>
         <source>Display language</source>
-        <translation type="unfinished"></translation>
+        <translation>顯示語言</translation>
     </message>
     <message>
         <source>Status:</source>
-        <translation type="unfinished"></translation>
+        <translation>狀態：</translation>
     </message>
     <message>
         <source>Copy folders from this computer to the server on a schedule and keep earlier versions of every file.</source>
-        <translation type="unfinished"></translation>
+        <translation>依排程將這部電腦上的資料夾複製到伺服器，並保留每個檔案的舊版本。</translation>
     </message>
     <message>
         <source>Last synced: %1</source>
-        <translation type="unfinished"></translation>
+        <translation>上次同步：%1</translation>
     </message>
     <message>
         <source>Change Password...</source>
-        <translation type="unfinished"></translation>
+        <translation>變更密碼...</translation>
     </message>
     <message>
         <source>The selected folder already contains files. They will be merged with the files on the server.</source>
-        <translation type="unfinished"></translation>
+        <translation>所選資料夾中已有檔案。這些檔案將與伺服器上的檔案合併。</translation>
     </message>
     <message>
         <source>Up to date</source>
-        <translation type="unfinished"></translation>
+        <translation>已是最新狀態</translation>
     </message>
     <message>
         <source>Please enter your username.</source>
-        <translation type="unfinished"></translation>
+        <translation>請輸入您的使用者名稱。</translation>
     </message>
     <message>
         <source>Connected through the relay service</source>
-        <translation type="unfinished"></translation>
+        <translation>已透過中繼服務連線</translation>
     </message>
     <message>
         <source>Pause</source>
-        <translation type="unfinished"></translation>
+        <translation>暫停</translation>
     </message>
     <message>
         <source>Sunday</source>
-        <translation type="unfinished"></translation>
+        <translation>星期日</translation>
     </message>
     <message>
         <source>Conflict</source>
-        <translation type="unfinished"></translation>
+        <translation>衝突</translation>
     </message>
     <message>
         <source>Quillon – syncing %1 files</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon – 正在同步 %1 個檔案</translation>
     </message>
     <message>
         <source>The certificate of this server is not trusted. It may be self-signed or issued by an unknown authority.</source>
-        <translation type="unfinished"></translation>
+        <translation>此伺服器的憑證不受信任。它可能是自我簽署的憑證，或由不明的憑證授權單位所簽發。</translation>
     </message>
     <message>
         <source>The path of this file is too long for the server. Move the file to a folder with a shorter path or give it a shorter name.</source>
-        <translation type="unfinished"></translation>
+        <translation>此檔案的路徑對伺服器而言過長。請將檔案移至路徑較短的資料夾，或縮短檔案名稱。</translation>
     </message>
     <message>
         <source>Delete</source>
-        <translation type="unfinished"></translation>
+        <translation>刪除</translation>
     </message>
     <message>
         <source>Quillon has been set up by your administrator and is now syncing your files.</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon 已由您的系統管理員完成設定，目前正在同步您的檔案。</translation>
     </message>
     <message>
         <source>Uploading %1</source>
-        <translation type="unfinished"></translation>
+        <translation>正在上傳 %1</translation>
     </message>
     <message>
         <source>Hide password</source>
-        <translation type="unfinished"></translation>
+        <translation>隱藏密碼</translation>
     </message>
     <message>
         <source>Can view</source>
-        <translation type="unfinished"></translation>
+        <translation>可檢視</translation>
     </message>
     <message>
         <source>Setting up Quillon with the settings provided by your administrator. This takes only a moment.</source>
-        <translation type="unfinished"></translation>
+        <translation>正在使用系統管理員提供的設定來設定 Quillon，只需要一點時間。</translation>
     </message>
     <message>
         <source>No proxy</source>
-        <translation type="unfinished"></translation>
+        <translation>不使用代理伺服器</translation>
     </message>
     <message>
         <source>Manual proxy configuration</source>
-        <translation type="unfinished"></translation>
+        <translation>手動設定代理伺服器</translation>
     </message>
     <message>
         <source>Changes on this computer are copied to the server. Changes on the server are not downloaded.</source>
-        <translation type="unfinished"></translation>
+        <translation>這部電腦上的變更會複製到伺服器，伺服器上的變更則不會下載。</translation>
     </message>
     <message>
         <source>Please read the following license agreement carefully. You must accept the agreement to install the program.</source>
-        <translation type="unfinished"></translation>
+        <translation>請仔細閱讀下列授權合約。您必須接受此合約才能安裝本程式。</translation>
     </message>
     <message>
         <source>Expand folder</source>
-        <translation type="unfinished"></translation>
+        <translation>展開資料夾</translation>
     </message>
     <message>
         <source>Versions are kept for %1 days. Older versions are removed automatically by the server.</source>
-        <translation type="unfinished"></translation>
+        <translation>各版本會保留 %1 天。較舊的版本將由伺服器自動移除。</translation>
     </message>
     <message>
         <source>Deleted</source>
-        <translation type="unfinished"></translation>
+        <translation>已刪除</translation>
     </message>
     <message>
         <source>Notifications</source>
-        <translation type="unfinished"></translation>
+        <translation>通知</translation>
     </message>
     <message>
         <source>Download</source>
-        <translation type="unfinished"></translation>
+        <translation>下載</translation>
     </message>
     <message>
         <source>Sign In with Single Sign-On</source>
-        <translation type="unfinished"></translation>
+        <translation>使用單一登入方式登入</translation>
     </message>
     <message>
         <source>Open in Browser</source>
-        <translation type="unfinished"></translation>
+        <translation>在瀏覽器中開啟</translation>
     </message>
     <message>
         <source>%1 GB</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 GB</translation>
     </message>
     <message>
         <source>Sync file permissions and attributes</source>
-        <translation type="unfinished"></translation>
+        <translation>同步檔案權限和屬性</translation>
     </message>
     <message>
         <source>Quillon cannot write to the sync folder. Check the permissions of the folder and that the disk is not read-only.</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon 無法寫入同步資料夾。請檢查資料夾的權限，並確認磁碟不是唯讀狀態。</translation>
     </message>
     <message>
         <source>Version %1</source>
-        <translation type="unfinished"></translation>
+        <translation>版本 %1</translation>
     </message>
     <message>
         <source>July</source>
-        <translation type="unfinished"></translation>
+        <translation>七月</translation>
     </message>
     <message>
         <source>Show in Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>在資料夾中顯示</translation>
     </message>
     <message>
         <source>No connection has been set up yet. Click Add Connection to connect Quillon to your server.</source>
-        <translation type="unfinished"></translation>
+        <translation>尚未設定任何連線。請按一下「新增連線」，將 Quillon 連線到您的伺服器。</translation>
     </message>
     <message>
         <source>Paused</source>
-        <translation type="unfinished"></translation>
+        <translation>已暫停</translation>
     </message>
     <message>
         <source>Pause until I resume</source>
-        <translation type="unfinished"></translation>
+        <translation>暫停，直到我手動繼續</translation>
     </message>
     <message>
         <source>Unable to connect to the server. Please check the server address and your network connection, and make sure that a firewall does not block Quillon.</source>
-        <translation type="unfinished"></translation>
+        <translation>無法連線到伺服器。請檢查伺服器位址和網路連線，並確認防火牆沒有封鎖 Quillon。</translation>
     </message>
     <message>
         <source>Internal link for users of this server. Only users who already have access can open it.</source>
-        <translation type="unfinished"></translation>
+        <translation>供此伺服器使用者使用的內部連結。只有已具備存取權的使用者才能開啟。</translation>
     </message>
     <message>
         <source>Choose a folder on this computer</source>
-        <translation type="unfinished"></translation>
+        <translation>選擇這部電腦上的資料夾</translation>
     </message>
     <message>
         <source>Sign Out</source>
-        <translation type="unfinished"></translation>
+        <translation>登出</translation>
     </message>
     <message>
         <source>Files appear on this computer but take up no space until you open them. Files you open are downloaded and kept up to date.</source>
-        <translation type="unfinished"></translation>
+        <translation>檔案會顯示在這部電腦上，但在您開啟之前不會佔用空間。您開啟過的檔案會下載下來並保持在最新狀態。</translation>
     </message>
     <message>
         <source>Quillon main window</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon 主視窗</translation>
     </message>
     <message>
         <source>The server folder of this sync session no longer exists. It may have been renamed or deleted by another user.</source>
-        <translation type="unfinished"></translation>
+        <translation>此同步任務的伺服器資料夾已不存在，可能已被其他使用者重新命名或刪除。</translation>
     </message>
     <message>
         <source>Show More</source>
-        <translation type="unfinished"></translation>
+        <translation>顯示更多</translation>
     </message>
     <message>
         <source>Remember password</source>
-        <translation type="unfinished"></translation>
+        <translation>記住密碼</translation>
     </message>
     <message>
         <source>Open With...</source>
-        <translation type="unfinished"></translation>
+        <translation>開啟方式...</translation>
     </message>
     <message>
         <source>Thank you for your feedback. It helps us make Quillon better.</source>
-        <translation type="unfinished"></translation>
+        <translation>感謝您的意見回饋，這能幫助我們讓 Quillon 變得更好。</translation>
     </message>
     <message>
         <source>Copy</source>
-        <translation type="unfinished"></translation>
+        <translation>複製</translation>
     </message>
     <message>
         <source>Verification code</source>
-        <translation type="unfinished"></translation>
+        <translation>驗證碼</translation>
     </message>
     <message>
         <source>Yes</source>
-        <translation type="unfinished"></translation>
+        <translation>是</translation>
     </message>
     <message>
         <source>The connection is not encrypted. Anyone on the network can read the transferred data.</source>
-        <translation type="unfinished"></translation>
+        <translation>此連線未加密。網路上的任何人都能讀取傳輸的資料。</translation>
     </message>
     <message>
         <source>Scanning</source>
-        <translation type="unfinished"></translation>
+        <translation>正在掃描</translation>
     </message>
     <message>
         <source>Compare</source>
-        <translation type="unfinished"></translation>
+        <translation>比較</translation>
     </message>
     <message>
         <source>Account</source>
-        <translation type="unfinished"></translation>
+        <translation>帳號</translation>
     </message>
     <message>
         <source>Modified</source>
-        <translation type="unfinished"></translation>
+        <translation>修改日期</translation>
     </message>
     <message>
         <source>Cancel</source>
-        <translation type="unfinished"></translation>
+        <translation>取消</translation>
     </message>
     <message>
         <source>Proxy Settings</source>
-        <translation type="unfinished"></translation>
+        <translation>代理伺服器設定</translation>
     </message>
     <message>
         <source>The file history could not be loaded. Check your connection to the server and try again.</source>
-        <translation type="unfinished"></translation>
+        <translation>無法載入檔案歷程記錄。請檢查與伺服器的連線，然後再試一次。</translation>
     </message>
     <message>
         <source>Size</source>
-        <translation type="unfinished"></translation>
+        <translation>大小</translation>
     </message>
     <message>
         <source>Copying the new files</source>
-        <translation type="unfinished"></translation>
+        <translation>正在複製新檔案</translation>
     </message>
     <message>
         <source>This file has no earlier versions.</source>
-        <translation type="unfinished"></translation>
+        <translation>此檔案沒有較舊的版本。</translation>
     </message>
     <message>
         <source>Revision %1</source>
-        <translation type="unfinished"></translation>
+        <translation>修訂版 %1</translation>
     </message>
     <message>
         <source>Trust this certificate</source>
-        <translation type="unfinished"></translation>
+        <translation>信任此憑證</translation>
     </message>
     <message>
         <source>Settings</source>
-        <translation type="unfinished"></translation>
+        <translation>設定</translation>
     </message>
     <message>
         <source>Removes the program from your computer. Your synced files stay in place on this computer and on the server.</source>
-        <translation type="unfinished"></translation>
+        <translation>從您的電腦移除本程式。您已同步的檔案仍會保留在這部電腦和伺服器上。</translation>
     </message>
     <message>
         <source>%1 KB</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 KB</translation>
     </message>
     <message>
         <source>Quillon – offline</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon – 離線</translation>
     </message>
     <message>
         <source>Are you sure you want to cancel the installation? The program will not be installed.</source>
-        <translation type="unfinished"></translation>
+        <translation>確定要取消安裝嗎？本程式將不會安裝。</translation>
     </message>
     <message>
         <source>Name</source>
-        <translation type="unfinished"></translation>
+        <translation>名稱</translation>
     </message>
     <message>
         <source>The file has been restored.</source>
-        <translation type="unfinished"></translation>
+        <translation>檔案已還原。</translation>
     </message>
     <message>
         <source>Never synced</source>
-        <translation type="unfinished"></translation>
+        <translation>從未同步</translation>
     </message>
     <message>
         <source>Select all</source>
-        <translation type="unfinished"></translation>
+        <translation>全選</translation>
     </message>
     <message>
         <source>Pause for 8 hours</source>
-        <translation type="unfinished"></translation>
+        <translation>暫停 8 小時</translation>
     </message>
     <message>
         <source>Finish</source>
-        <translation type="unfinished"></translation>
+        <translation>完成</translation>
     </message>
     <message>
         <source>Remove Connection</source>
-        <translation type="unfinished"></translation>
+        <translation>移除連線</translation>
     </message>
     <message>
         <source>Your storage quota on the server is used up. Delete files on the server or ask your administrator for more space to continue syncing.</source>
-        <translation type="unfinished"></translation>
+        <translation>您在伺服器上的儲存空間配額已用完。請刪除伺服器上的檔案，或請系統管理員提供更多空間，才能繼續同步。</translation>
     </message>
     <message>
         <source>Edit Session</source>
-        <translation type="unfinished"></translation>
+        <translation>編輯同步任務</translation>
     </message>
     <message>
         <source>You need administrator rights to install this program for all users. Sign in as an administrator or install it for your account only.</source>
-        <translation type="unfinished"></translation>
+        <translation>您需要系統管理員權限，才能為所有使用者安裝本程式。請以系統管理員身分登入，或僅為您自己的帳號安裝。</translation>
     </message>
     <message>
         <source>Select a server</source>
-        <translation type="unfinished"></translation>
+        <translation>選擇伺服器</translation>
     </message>
     <message>
         <source>Tell us what went wrong or what you would like to see in Quillon. Attach the logs if you report a problem, so that we can find its cause more quickly.</source>
-        <translation type="unfinished"></translation>
+        <translation>告訴我們哪裡出了問題，或您希望 Quillon 增加哪些功能。回報問題時請附上記錄檔，以便我們更快找出原因。</translation>
     </message>
     <message>
         <source>Syncing %1 of %2 files</source>
-        <translation type="unfinished"></translation>
+        <translation>正在同步第 %1 個檔案，共 %2 個</translation>
     </message>
     <message>
         <source>Back</source>
-        <translation type="unfinished"></translation>
+        <translation>上一步</translation>
     </message>
     <message>
         <source>Sync complete</source>
-        <translation type="unfinished"></translation>
+        <translation>同步完成</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Repairing [ProductName]</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}正在修復 [ProductName]</translation>
     </message>
     <message>
         <source>Add Session</source>
-        <translation type="unfinished"></translation>
+        <translation>新增同步任務</translation>
     </message>
     <message>
         <source>Your password was changed on the server. Please sign in again with the new password to continue syncing.</source>
-        <translation type="unfinished"></translation>
+        <translation>您的密碼已在伺服器上變更。請使用新密碼重新登入，才能繼續同步。</translation>
     </message>
     <message>
         <source>The logs could not be exported. Check that the destination folder is writable.</source>
-        <translation type="unfinished"></translation>
+        <translation>無法匯出記錄檔。請確認目的地資料夾可供寫入。</translation>
     </message>
     <message>
         <source>Link password</source>
-        <translation type="unfinished"></translation>
+        <translation>連結密碼</translation>
     </message>
     <message>
         <source>Server path</source>
-        <translation type="unfinished"></translation>
+        <translation>伺服器路徑</translation>
     </message>
     <message>
         <source>The backup task %1 failed. Open the backup plan to see which files could not be copied.</source>
-        <translation type="unfinished"></translation>
+        <translation>備份任務 %1 失敗。請開啟備份計畫，查看哪些檔案無法複製。</translation>
     </message>
     <message>
         <source>Sign In</source>
-        <translation type="unfinished"></translation>
+        <translation>登入</translation>
     </message>
     <message>
         <source>You do not have permission to access this folder. Ask the owner of the folder or your administrator to grant you access.</source>
-        <translation type="unfinished"></translation>
+        <translation>您沒有存取此資料夾的權限。請向資料夾的擁有者或系統管理員要求存取權。</translation>
     </message>
     <message>
         <source>Dismiss notification</source>
-        <translation type="unfinished"></translation>
+        <translation>關閉通知</translation>
     </message>
     <message>
         <source>The marked volumes do not have enough free space for the program. Free some space on them or choose a destination folder on another volume.</source>
-        <translation type="unfinished"></translation>
+        <translation>標示的磁碟區沒有足夠的可用空間來安裝本程式。請釋放部分空間，或選擇其他磁碟區上的目的地資料夾。</translation>
     </message>
     <message>
         <source>Choose a folder on the server</source>
-        <translation type="unfinished"></translation>
+        <translation>選擇伺服器上的資料夾</translation>
     </message>
     <message>
         <source>%1 is in use by another program and cannot be synced now. Quillon will try again when the file is closed.</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 正由其他程式使用中，目前無法同步。檔案關閉後，Quillon 會再試一次。</translation>
     </message>
     <message>
         <source>Calculating size...</source>
-        <translation type="unfinished"></translation>
+        <translation>正在計算大小...</translation>
     </message>
     <message>
         <source>Full control</source>
-        <translation type="unfinished"></translation>
+        <translation>完全控制</translation>
     </message>
     <message>
         <source>Verifying your account...</source>
-        <translation type="unfinished"></translation>
+        <translation>正在驗證您的帳號...</translation>
     </message>
     <message>
         <source>Connecting...</source>
-        <translation type="unfinished"></translation>
+        <translation>正在連線...</translation>
     </message>
     <message>
         <source>Can edit</source>
-        <translation type="unfinished"></translation>
+        <translation>可編輯</translation>
     </message>
     <message>
         <source>View File History</source>
-        <translation type="unfinished"></translation>
+        <translation>檢視檔案歷程記錄</translation>
     </message>
     <message>
         <source>Do you want to pause syncing for all sessions? Changes are synced again once you resume.</source>
-        <translation type="unfinished"></translation>
+        <translation>要暫停所有同步任務的同步嗎？繼續之後，變更會再次同步。</translation>
     </message>
     <message>
         <source>Always Keep on This Computer</source>
-        <translation type="unfinished"></translation>
+        <translation>一律保留在這部電腦上</translation>
     </message>
     <message>
         <source>No matching files found.</source>
-        <translation type="unfinished"></translation>
+        <translation>找不到符合的檔案。</translation>
     </message>
     <message>
         <source>Keep files on the server when they are deleted on this computer</source>
-        <translation type="unfinished"></translation>
+        <translation>在這部電腦上刪除檔案時，保留伺服器上的檔案</translation>
     </message>
     <message>
         <source>Loading folder list...</source>
-        <translation type="unfinished"></translation>
+        <translation>正在載入資料夾清單...</translation>
     </message>
     <message>
         <source>Your sign-in has expired. Please sign in again to continue syncing.</source>
-        <translation type="unfinished"></translation>
+        <translation>您的登入已過期。請重新登入，才能繼續同步。</translation>
     </message>
     <message>
         <source>Port</source>
-        <translation type="unfinished"></translation>
+        <translation>連接埠</translation>
     </message>
     <message>
         <source>Repair</source>
-        <translation type="unfinished"></translation>
+        <translation>修復</translation>
     </message>
     <message>
         <source>File extension</source>
-        <translation type="unfinished"></translation>
+        <translation>副檔名</translation>
     </message>
     <message>
         <source>Show Quillon</source>
-        <translation type="unfinished"></translation>
+        <translation>顯示 Quillon</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Ready to Install</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}準備安裝</translation>
     </message>
     <message>
         <source>Skipped</source>
-        <translation type="unfinished"></translation>
+        <translation>已略過</translation>
     </message>
     <message>
         <source>January</source>
-        <translation type="unfinished"></translation>
+        <translation>一月</translation>
     </message>
     <message>
         <source>Add Connection</source>
-        <translation type="unfinished"></translation>
+        <translation>新增連線</translation>
     </message>
     <message>
         <source>Created</source>
-        <translation type="unfinished"></translation>
+        <translation>已建立</translation>
     </message>
     <message>
         <source>Last backup: %1</source>
-        <translation type="unfinished"></translation>
+        <translation>上次備份：%1</translation>
     </message>
     <message>
         <source>An unknown error occurred. If this happens again, export the logs and contact support.</source>
-        <translation type="unfinished"></translation>
+        <translation>發生未知的錯誤。如果再次發生，請匯出記錄檔並聯絡技術支援。</translation>
     </message>
     <message>
         <source>Minimize</source>
-        <translation type="unfinished"></translation>
+        <translation>最小化</translation>
     </message>
     <message>
         <source>Quillon – paused</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon – 已暫停</translation>
     </message>
     <message>
         <source>Join the beta program</source>
-        <translation type="unfinished"></translation>
+        <translation>加入測試版計畫</translation>
     </message>
     <message>
         <source>Sync direction</source>
-        <translation type="unfinished"></translation>
+        <translation>同步方向</translation>
     </message>
     <message>
         <source>The first sync can take a while, depending on the number and size of your files. You can keep working in the meantime.</source>
-        <translation type="unfinished"></translation>
+        <translation>首次同步可能需要一段時間，視檔案的數量和大小而定。在此期間您仍可繼續工作。</translation>
     </message>
     <message>
         <source>%1/s</source>
-        <translation type="unfinished"></translation>
+        <translation>%1/秒</translation>
     </message>
     <message>
         <source>Quillon Updater</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon 更新程式</translation>
     </message>
     <message>
         <source>No access</source>
-        <translation type="unfinished"></translation>
+        <translation>無存取權</translation>
     </message>
     <message>
         <source>Save</source>
-        <translation type="unfinished"></translation>
+        <translation>儲存</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Removing [ProductName]</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}正在移除 [ProductName]</translation>
     </message>
     <message>
         <source>Skip tour</source>
-        <translation type="unfinished"></translation>
+        <translation>略過導覽</translation>
     </message>
     <message>
         <source>The folder holds more than %1 items, which is the limit of a sync session. Use Selective Sync to sync fewer folders.</source>
-        <translation type="unfinished"></translation>
+        <translation>此資料夾包含超過 %1 個項目，已超出同步任務的上限。請使用選擇性同步來減少要同步的資料夾。</translation>
     </message>
     <message>
         <source>Folders you clear will be removed from this computer. Their copies on the server are kept and can be selected again at any time.</source>
-        <translation type="unfinished"></translation>
+        <translation>您取消勾選的資料夾將從這部電腦移除。這些資料夾在伺服器上的副本會保留，並可隨時重新選取。</translation>
     </message>
     <message>
         <source>Next backup: %1</source>
-        <translation type="unfinished"></translation>
+        <translation>下次備份：%1</translation>
     </message>
     <message>
         <source>Preview only</source>
-        <translation type="unfinished"></translation>
+        <translation>僅限預覽</translation>
     </message>
     <message>
         <source>A secure connection to the server could not be established. The server may not support the required encryption.</source>
-        <translation type="unfinished"></translation>
+        <translation>無法與伺服器建立安全連線。伺服器可能不支援所需的加密方式。</translation>
     </message>
     <message>
         <source>Limit how fast Quillon uploads and downloads so that other programs keep enough bandwidth. The limits apply to all sync sessions together.</source>
-        <translation type="unfinished"></translation>
+        <translation>限制 Quillon 的上傳和下載速度，讓其他程式保有足夠的頻寬。這些限制適用於所有同步任務的總和。</translation>
     </message>
     <message>
         <source>Syncing...</source>
-        <translation type="unfinished"></translation>
+        <translation>正在同步...</translation>
     </message>
     <message>
         <source>Offline</source>
-        <translation type="unfinished"></translation>
+        <translation>離線</translation>
     </message>
     <message>
         <source>The sync folder is on a removable drive that is not connected. Syncing resumes when the drive is connected again.</source>
-        <translation type="unfinished"></translation>
+        <translation>同步資料夾位於未連接的卸除式磁碟機上。重新連接磁碟機後，同步將會繼續。</translation>
     </message>
     <message>
         <source>Send Feedback</source>
-        <translation type="unfinished"></translation>
+        <translation>傳送意見回饋</translation>
     </message>
     <message>
         <source>Two-way sync</source>
-        <translation type="unfinished"></translation>
+        <translation>雙向同步</translation>
     </message>
     <message>
         <source>Total size of the selected folders: %1</source>
-        <translation type="unfinished"></translation>
+        <translation>所選資料夾的總大小：%1</translation>
     </message>
     <message>
         <source>Apply</source>
-        <translation type="unfinished"></translation>
+        <translation>套用</translation>
     </message>
     <message>
         <source>Please enter the server address.</source>
-        <translation type="unfinished"></translation>
+        <translation>請輸入伺服器位址。</translation>
     </message>
     <message>
         <source>Two-Step Verification</source>
-        <translation type="unfinished"></translation>
+        <translation>兩步驟驗證</translation>
     </message>
     <message>
         <source>Your files are up to date.</source>
-        <translation type="unfinished"></translation>
+        <translation>您的檔案已是最新狀態。</translation>
     </message>
     <message>
         <source>Open Web Portal</source>
-        <translation type="unfinished"></translation>
+        <translation>開啟網頁入口</translation>
     </message>
     <message>
         <source>Signed in as %1</source>
-        <translation type="unfinished"></translation>
+        <translation>已以 %1 身分登入</translation>
     </message>
     <message>
         <source>Destination</source>
-        <translation type="unfinished"></translation>
+        <translation>目的地</translation>
     </message>
     <message>
         <source>On these days</source>
-        <translation type="unfinished"></translation>
+        <translation>在這幾天</translation>
     </message>
     <message>
         <source>Create a new folder</source>
-        <translation type="unfinished"></translation>
+        <translation>建立新資料夾</translation>
     </message>
     <message>
         <source>System folders, such as the root folder or the folder of a program, cannot be used as sync folders.</source>
-        <translation type="unfinished"></translation>
+        <translation>系統資料夾（例如根資料夾或程式的資料夾）無法作為同步資料夾。</translation>
     </message>
     <message>
         <source>What&apos;s New</source>
-        <translation type="unfinished"></translation>
+        <translation>新功能</translation>
     </message>
     <message>
         <source>Run Quillon</source>
-        <translation type="unfinished"></translation>
+        <translation>執行 Quillon</translation>
     </message>
     <message>
         <source>Create Link</source>
-        <translation type="unfinished"></translation>
+        <translation>建立連結</translation>
     </message>
     <message>
         <source>Start the client when I sign in to Windows</source>
-        <translation type="unfinished"></translation>
+        <translation>登入 Windows 時啟動用戶端</translation>
     </message>
     <message>
         <source>List of files</source>
-        <translation type="unfinished"></translation>
+        <translation>檔案清單</translation>
     </message>
     <message>
         <source>Do you want to stop the setup? Nothing will be synced until a sync session is set up. You can run the setup again from the tray menu.</source>
-        <translation type="unfinished"></translation>
+        <translation>要停止設定嗎？在設定好同步任務之前，不會同步任何內容。您可以從系統匣選單再次執行設定。</translation>
     </message>
     <message>
         <source>Folder tree</source>
-        <translation type="unfinished"></translation>
+        <translation>資料夾樹狀結構</translation>
     </message>
     <message>
         <source>Limit upload speed</source>
-        <translation type="unfinished"></translation>
+        <translation>限制上傳速度</translation>
     </message>
     <message>
         <source>The file could not be opened.</source>
-        <translation type="unfinished"></translation>
+        <translation>無法開啟檔案。</translation>
     </message>
     <message>
         <source>File Filter...</source>
-        <translation type="unfinished"></translation>
+        <translation>檔案篩選器...</translation>
     </message>
     <message>
         <source>Disconnected</source>
-        <translation type="unfinished"></translation>
+        <translation>已中斷連線</translation>
     </message>
     <message>
         <source>Install</source>
-        <translation type="unfinished"></translation>
+        <translation>安裝</translation>
     </message>
     <message>
         <source>I accept the terms of the license agreement</source>
-        <translation type="unfinished"></translation>
+        <translation>我接受授權合約中的條款</translation>
     </message>
     <message>
         <source>%1 shared %2 with you. It is available in your sync folder.</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 與您共用了 %2。您可以在同步資料夾中找到它。</translation>
     </message>
     <message>
         <source>Include the sync database</source>
-        <translation type="unfinished"></translation>
+        <translation>包含同步資料庫</translation>
     </message>
     <message>
         <source>Step %1 of %2</source>
-        <translation type="unfinished"></translation>
+        <translation>第 %1 步，共 %2 步</translation>
     </message>
     <message>
         <source>Files are shown as placeholders and downloaded when you open them. Placeholders take up almost no space on this computer. Right-click a file to keep it available offline.</source>
-        <translation type="unfinished"></translation>
+        <translation>檔案會以預留位置顯示，並在您開啟時才下載。預留位置在這部電腦上幾乎不佔用空間。在檔案上按一下滑鼠右鍵，即可讓它可供離線使用。</translation>
     </message>
     <message>
         <source>Address</source>
-        <translation type="unfinished"></translation>
+        <translation>位址</translation>
     </message>
     <message>
         <source>Create a shortcut on the desktop</source>
-        <translation type="unfinished"></translation>
+        <translation>在桌面上建立捷徑</translation>
     </message>
     <message>
         <source>Reconnecting...</source>
-        <translation type="unfinished"></translation>
+        <translation>正在重新連線...</translation>
     </message>
     <message>
         <source>The verification code is incorrect or has expired. Check that the clock of your phone is set correctly and try again.</source>
-        <translation type="unfinished"></translation>
+        <translation>驗證碼不正確或已過期。請確認手機的時間設定正確，然後再試一次。</translation>
     </message>
     <message>
         <source>Sync sessions tab</source>
-        <translation type="unfinished"></translation>
+        <translation>同步任務索引標籤</translation>
     </message>
     <message>
         <source>Keep the server version</source>
-        <translation type="unfinished"></translation>
+        <translation>保留伺服器版本</translation>
     </message>
     <message>
         <source>Quillon Setup Is Complete</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon 安裝完成</translation>
     </message>
     <message>
         <source>When a file changes on both sides at the same time, Quillon keeps both versions so that no work is lost.</source>
-        <translation type="unfinished"></translation>
+        <translation>當檔案同時在兩端被變更時，Quillon 會保留兩個版本，讓您的工作成果不會遺失。</translation>
     </message>
     <message>
         <source>Open local folder</source>
-        <translation type="unfinished"></translation>
+        <translation>開啟本機資料夾</translation>
     </message>
     <message>
         <source>Deleted Files</source>
-        <translation type="unfinished"></translation>
+        <translation>已刪除的檔案</translation>
     </message>
     <message>
         <source>The Setup Wizard is removing the program. Your synced files are not touched.</source>
-        <translation type="unfinished"></translation>
+        <translation>安裝精靈正在移除本程式。您已同步的檔案不會受到影響。</translation>
     </message>
     <message>
         <source>Open Server Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>開啟伺服器資料夾</translation>
     </message>
     <message>
         <source>The link has been copied to the clipboard. Paste it into an email or a chat message to share it.</source>
-        <translation type="unfinished"></translation>
+        <translation>連結已複製到剪貼簿。將它貼到電子郵件或聊天訊息中即可分享。</translation>
     </message>
     <message>
         <source>You are running the latest version of Quillon.</source>
-        <translation type="unfinished"></translation>
+        <translation>您使用的已是最新版本的 Quillon。</translation>
     </message>
     <message>
         <source>Create Backup Plan</source>
-        <translation type="unfinished"></translation>
+        <translation>建立備份計畫</translation>
     </message>
     <message>
         <source>Advanced Settings</source>
-        <translation type="unfinished"></translation>
+        <translation>進階設定</translation>
     </message>
     <message>
         <source>This version is no longer available on the server. It may have been removed by the version retention policy.</source>
-        <translation type="unfinished"></translation>
+        <translation>伺服器上已不再提供此版本，它可能已依版本保留原則被移除。</translation>
     </message>
     <message>
         <source>Folder on this computer</source>
-        <translation type="unfinished"></translation>
+        <translation>這部電腦上的資料夾</translation>
     </message>
     <message>
         <source>Server address</source>
-        <translation type="unfinished"></translation>
+        <translation>伺服器位址</translation>
     </message>
     <message>
         <source>Restoring...</source>
-        <translation type="unfinished"></translation>
+        <translation>正在還原...</translation>
     </message>
     <message>
         <source>Right-click a file or folder and choose Share to send a link to anyone, even to people without an account.</source>
-        <translation type="unfinished"></translation>
+        <translation>在檔案或資料夾上按一下滑鼠右鍵並選擇「共用」，即可將連結傳送給任何人，即使對方沒有帳號也沒問題。</translation>
     </message>
     <message>
         <source>Create Sync Session</source>
-        <translation type="unfinished"></translation>
+        <translation>建立同步任務</translation>
     </message>
     <message>
         <source>The file is larger than the maximum file size allowed by the server and will not be uploaded.</source>
-        <translation type="unfinished"></translation>
+        <translation>此檔案超過伺服器允許的檔案大小上限，因此不會上傳。</translation>
     </message>
     <message>
         <source>Friday</source>
-        <translation type="unfinished"></translation>
+        <translation>星期五</translation>
     </message>
     <message>
         <source>Recent Activity</source>
-        <translation type="unfinished"></translation>
+        <translation>最近的活動</translation>
     </message>
     <message>
         <source>Back Up Now</source>
-        <translation type="unfinished"></translation>
+        <translation>立即備份</translation>
     </message>
     <message>
         <source>The file filter has changed. Files that no longer match will be removed from this computer but stay on the server.</source>
-        <translation type="unfinished"></translation>
+        <translation>檔案篩選器已變更。不再符合的檔案將從這部電腦移除，但仍會保留在伺服器上。</translation>
     </message>
     <message>
         <source>Later</source>
-        <translation type="unfinished"></translation>
+        <translation>稍後</translation>
     </message>
     <message>
         <source>%1 could not be renamed to %2. An item with that name may already exist.</source>
-        <translation type="unfinished"></translation>
+        <translation>無法將 %1 重新命名為 %2。可能已有同名的項目存在。</translation>
     </message>
     <message>
         <source>Show desktop notifications</source>
-        <translation type="unfinished"></translation>
+        <translation>顯示桌面通知</translation>
     </message>
     <message>
         <source>Warning</source>
-        <translation type="unfinished"></translation>
+        <translation>警告</translation>
     </message>
     <message>
         <source>Files that match these rules are neither uploaded nor downloaded. Files on the server that match a rule are left untouched.</source>
-        <translation type="unfinished"></translation>
+        <translation>符合這些規則的檔案既不會上傳，也不會下載。伺服器上符合規則的檔案則保持不變。</translation>
     </message>
     <message>
         <source>Version</source>
-        <translation type="unfinished"></translation>
+        <translation>版本</translation>
     </message>
     <message>
         <source>Please enter a valid email address.</source>
-        <translation type="unfinished"></translation>
+        <translation>請輸入有效的電子郵件地址。</translation>
     </message>
     <message>
         <source>%1 was deleted on the server and has been moved to the recycle bin of this computer.</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 已在伺服器上被刪除，並已移至這部電腦的資源回收筒。</translation>
     </message>
     <message>
         <source>The relay service could not reach your server. Make sure the server is online and the relay service is enabled on it.</source>
-        <translation type="unfinished"></translation>
+        <translation>中繼服務無法連線到您的伺服器。請確認伺服器在線上，且已在伺服器上啟用中繼服務。</translation>
     </message>
     <message>
         <source>General</source>
-        <translation type="unfinished"></translation>
+        <translation>一般</translation>
     </message>
     <message>
         <source>Keep a folder on this computer in sync with a folder on the server. Changes on either side are copied to the other.</source>
-        <translation type="unfinished"></translation>
+        <translation>讓這部電腦上的資料夾與伺服器上的資料夾保持同步。任一端的變更都會複製到另一端。</translation>
     </message>
     <message>
         <source>Syncing resumes automatically in %1 minutes.</source>
-        <translation type="unfinished"></translation>
+        <translation>同步將在 %1 分鐘後自動繼續。</translation>
     </message>
     <message>
         <source>Clear search</source>
-        <translation type="unfinished"></translation>
+        <translation>清除搜尋</translation>
     </message>
     <message>
         <source>Forgot your password?</source>
-        <translation type="unfinished"></translation>
+        <translation>忘記密碼？</translation>
     </message>
     <message>
         <source>Help</source>
-        <translation type="unfinished"></translation>
+        <translation>說明</translation>
     </message>
     <message>
         <source>Browse...</source>
-        <translation type="unfinished"></translation>
+        <translation>瀏覽...</translation>
     </message>
     <message>
         <source>Add Rule</source>
-        <translation type="unfinished"></translation>
+        <translation>新增規則</translation>
     </message>
     <message>
         <source>Selective Sync</source>
-        <translation type="unfinished"></translation>
+        <translation>選擇性同步</translation>
     </message>
     <message>
         <source>%1 items</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 個項目</translation>
     </message>
     <message>
         <source>The certificate of this server could not be verified. Someone may be impersonating the server to read your files or your password. Continue only if you trust this network and the server.</source>
-        <translation type="unfinished"></translation>
+        <translation>無法驗證此伺服器的憑證。可能有人假冒此伺服器，企圖讀取您的檔案或密碼。請僅在您信任此網路和伺服器時才繼續。</translation>
     </message>
     <message>
         <source>About Quillon</source>
-        <translation type="unfinished"></translation>
+        <translation>關於 Quillon</translation>
     </message>
     <message>
         <source>Every day</source>
-        <translation type="unfinished"></translation>
+        <translation>每天</translation>
     </message>
     <message>
         <source>Look in:</source>
-        <translation type="unfinished"></translation>
+        <translation>查詢位置：</translation>
     </message>
     <message>
         <source>Volume</source>
-        <translation type="unfinished"></translation>
+        <translation>磁碟區</translation>
     </message>
     <message>
         <source>Sync This Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>同步此資料夾</translation>
     </message>
     <message>
         <source>Syncing</source>
-        <translation type="unfinished"></translation>
+        <translation>同步中</translation>
     </message>
     <message>
         <source>Download progress</source>
-        <translation type="unfinished"></translation>
+        <translation>下載進度</translation>
     </message>
     <message>
         <source>Upload only</source>
-        <translation type="unfinished"></translation>
+        <translation>僅上傳</translation>
     </message>
     <message>
         <source>Attach the log files to help us find the cause of the problem</source>
-        <translation type="unfinished"></translation>
+        <translation>附加記錄檔，協助我們找出問題的原因</translation>
     </message>
     <message>
         <source>Copy Link</source>
-        <translation type="unfinished"></translation>
+        <translation>複製連結</translation>
     </message>
     <message>
         <source>Use an encrypted connection (HTTPS)</source>
-        <translation type="unfinished"></translation>
+        <translation>使用加密連線（HTTPS）</translation>
     </message>
     <message>
         <source>Launch [ProductName]</source>
-        <translation type="unfinished"></translation>
+        <translation>啟動 [ProductName]</translation>
     </message>
     <message>
         <source>The local folder of this sync session no longer exists. Restore the folder or choose a new one in the session settings.</source>
-        <translation type="unfinished"></translation>
+        <translation>此同步任務的本機資料夾已不存在。請還原該資料夾，或在任務設定中選擇新的資料夾。</translation>
     </message>
     <message>
         <source>General tab</source>
-        <translation type="unfinished"></translation>
+        <translation>一般索引標籤</translation>
     </message>
     <message>
         <source>Install updates automatically</source>
-        <translation type="unfinished"></translation>
+        <translation>自動安裝更新</translation>
     </message>
     <message>
         <source>File History</source>
-        <translation type="unfinished"></translation>
+        <translation>檔案歷程記錄</translation>
     </message>
     <message>
         <source>Trust this computer</source>
-        <translation type="unfinished"></translation>
+        <translation>信任這部電腦</translation>
     </message>
     <message>
         <source>Thursday</source>
-        <translation type="unfinished"></translation>
+        <translation>星期四</translation>
     </message>
     <message>
         <source>Folder name:</source>
-        <translation type="unfinished"></translation>
+        <translation>資料夾名稱：</translation>
     </message>
     <message>
         <source>%1 of %2</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 / %2</translation>
     </message>
     <message>
         <source>Quillon %1 is available.</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon %1 現已推出。</translation>
     </message>
     <message>
         <source>%1 bytes</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 位元組</translation>
     </message>
     <message>
         <source>Check for updates automatically</source>
-        <translation type="unfinished"></translation>
+        <translation>自動檢查更新</translation>
     </message>
     <message>
         <source>Loading versions...</source>
-        <translation type="unfinished"></translation>
+        <translation>正在載入版本...</translation>
     </message>
     <message>
         <source>The maximum number of sync sessions for this connection has been reached. Remove a session before you create a new one.</source>
-        <translation type="unfinished"></translation>
+        <translation>此連線的同步任務已達數量上限。請先移除一個同步任務，再建立新的任務。</translation>
     </message>
     <message>
         <source>Quillon will be installed in the folder below. To choose another folder, click Browse. Click Install to start the installation.</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon 將安裝到下方的資料夾。若要選擇其他資料夾，請按一下「瀏覽」。按一下「安裝」開始安裝。</translation>
     </message>
     <message>
         <source>From %1 to %2</source>
-        <translation type="unfinished"></translation>
+        <translation>從 %1 到 %2</translation>
     </message>
     <message>
         <source>Stopping the running client so that its files can be replaced</source>
-        <translation type="unfinished"></translation>
+        <translation>正在停止執行中的用戶端，以便取代其檔案</translation>
     </message>
     <message>
         <source>Open File</source>
-        <translation type="unfinished"></translation>
+        <translation>開啟檔案</translation>
     </message>
     <message>
         <source>This sharing link has expired and can no longer be opened.</source>
-        <translation type="unfinished"></translation>
+        <translation>此共用連結已過期，無法再開啟。</translation>
     </message>
     <message>
         <source>Software Update</source>
-        <translation type="unfinished"></translation>
+        <translation>軟體更新</translation>
     </message>
     <message>
         <source>Click Repair to restore missing or damaged files and shortcuts. Your settings and sync sessions are not changed. Click Cancel to exit the wizard.</source>
-        <translation type="unfinished"></translation>
+        <translation>按一下「修復」以還原遺失或損毀的檔案和捷徑。您的設定和同步任務不會變更。按一下「取消」結束精靈。</translation>
     </message>
     <message>
         <source>No</source>
-        <translation type="unfinished"></translation>
+        <translation>否</translation>
     </message>
     <message>
         <source>Signing in...</source>
-        <translation type="unfinished"></translation>
+        <translation>正在登入...</translation>
     </message>
     <message>
         <source>Share Link</source>
-        <translation type="unfinished"></translation>
+        <translation>共用連結</translation>
     </message>
     <message>
         <source>The update could not be downloaded. Check your network connection and try again.</source>
-        <translation type="unfinished"></translation>
+        <translation>無法下載更新。請檢查網路連線，然後再試一次。</translation>
     </message>
     <message>
         <source>About tab</source>
-        <translation type="unfinished"></translation>
+        <translation>關於索引標籤</translation>
     </message>
     <message>
         <source>Another copy of Quillon is already running for this user.</source>
-        <translation type="unfinished"></translation>
+        <translation>此使用者已有另一個 Quillon 正在執行。</translation>
     </message>
     <message>
         <source>Move Sync Folder...</source>
-        <translation type="unfinished"></translation>
+        <translation>移動同步資料夾...</translation>
     </message>
     <message>
         <source>Username</source>
-        <translation type="unfinished"></translation>
+        <translation>使用者名稱</translation>
     </message>
     <message>
         <source>The sharing link could not be created. Check your connection to the server and try again.</source>
-        <translation type="unfinished"></translation>
+        <translation>無法建立共用連結。請檢查與伺服器的連線，然後再試一次。</translation>
     </message>
     <message>
         <source>Sync Now</source>
-        <translation type="unfinished"></translation>
+        <translation>立即同步</translation>
     </message>
     <message>
         <source>Quillon is running. Exit Quillon from its tray menu and click Retry, or click Cancel to stop setup.</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon 正在執行。請從系統匣選單結束 Quillon，然後按一下「重試」；或按一下「取消」停止安裝。</translation>
     </message>
     <message>
         <source>The local copy was renamed to %1 so that both versions are kept.</source>
-        <translation type="unfinished"></translation>
+        <translation>本機副本已重新命名為 %1，以便保留兩個版本。</translation>
     </message>
     <message>
         <source>Read and write</source>
-        <translation type="unfinished"></translation>
+        <translation>讀取和寫入</translation>
     </message>
     <message>
         <source>Indexing %1 of %2 files</source>
-        <translation type="unfinished"></translation>
+        <translation>正在建立索引：第 %1 個檔案，共 %2 個</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Files in Use</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}使用中的檔案</translation>
     </message>
     <message>
         <source>The Setup Wizard is installing the program. This may take several minutes.</source>
-        <translation type="unfinished"></translation>
+        <translation>安裝精靈正在安裝本程式，這可能需要幾分鐘的時間。</translation>
     </message>
     <message>
         <source>This folder is empty.</source>
-        <translation type="unfinished"></translation>
+        <translation>此資料夾是空的。</translation>
     </message>
     <message>
         <source>Click Remove to uninstall the program from your computer. The files in your sync folders are not deleted and stay on your server. Click Cancel to exit the wizard.</source>
-        <translation type="unfinished"></translation>
+        <translation>按一下「移除」從您的電腦解除安裝本程式。同步資料夾中的檔案不會被刪除，並會保留在您的伺服器上。按一下「取消」結束精靈。</translation>
     </message>
     <message>
         <source>Welcome to Quillon</source>
-        <translation type="unfinished"></translation>
+        <translation>歡迎使用 Quillon</translation>
     </message>
     <message>
         <source>The password must be at least %1 characters long.</source>
-        <translation type="unfinished"></translation>
+        <translation>密碼長度至少須為 %1 個字元。</translation>
     </message>
     <message>
         <source>Backup task %1 completed.</source>
-        <translation type="unfinished"></translation>
+        <translation>備份任務 %1 已完成。</translation>
     </message>
     <message>
         <source>Pause for 1 hour</source>
-        <translation type="unfinished"></translation>
+        <translation>暫停 1 小時</translation>
     </message>
     <message>
         <source>The installation needs more disk space than is available.</source>
-        <translation type="unfinished"></translation>
+        <translation>安裝所需的磁碟空間超過可用空間。</translation>
     </message>
     <message>
         <source>Click Next to install to the folder shown, or click Change to choose another folder.</source>
-        <translation type="unfinished"></translation>
+        <translation>按一下「下一步」安裝到所示的資料夾，或按一下「變更」選擇其他資料夾。</translation>
     </message>
     <message>
         <source>Certificate Warning</source>
-        <translation type="unfinished"></translation>
+        <translation>憑證警告</translation>
     </message>
     <message>
         <source>Expiry date</source>
-        <translation type="unfinished"></translation>
+        <translation>到期日</translation>
     </message>
     <message>
         <source>August</source>
-        <translation type="unfinished"></translation>
+        <translation>八月</translation>
     </message>
     <message>
         <source>Start automatically when I sign in</source>
-        <translation type="unfinished"></translation>
+        <translation>登入時自動啟動</translation>
     </message>
     <message>
         <source>Export Logs...</source>
-        <translation type="unfinished"></translation>
+        <translation>匯出記錄檔...</translation>
     </message>
     <message>
         <source>Syncing is paused until %1. Changes made in the meantime are synced afterwards.</source>
-        <translation type="unfinished"></translation>
+        <translation>同步已暫停至 %1。在此期間所做的變更將於之後同步。</translation>
     </message>
     <message>
         <source>December</source>
-        <translation type="unfinished"></translation>
+        <translation>十二月</translation>
     </message>
     <message>
         <source>The certificate of the server has changed since your last connection. Continue only if your administrator has replaced the certificate.</source>
-        <translation type="unfinished"></translation>
+        <translation>自您上次連線以來，伺服器的憑證已變更。請僅在系統管理員已更換憑證時才繼續。</translation>
     </message>
     <message>
         <source>A new version, Quillon %1, is ready to install.</source>
-        <translation type="unfinished"></translation>
+        <translation>新版本 Quillon %1 已可安裝。</translation>
     </message>
     <message>
         <source>Your settings have been saved.</source>
-        <translation type="unfinished"></translation>
+        <translation>您的設定已儲存。</translation>
     </message>
     <message>
         <source>Retry</source>
-        <translation type="unfinished"></translation>
+        <translation>重試</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Ready to Repair</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}準備修復</translation>
     </message>
     <message>
         <source>There is not enough free space on this computer. Free some space and syncing will continue.</source>
-        <translation type="unfinished"></translation>
+        <translation>這部電腦沒有足夠的可用空間。請釋放部分空間，同步便會繼續。</translation>
     </message>
     <message>
         <source>The sync session has been removed.</source>
-        <translation type="unfinished"></translation>
+        <translation>已移除同步任務。</translation>
     </message>
     <message>
         <source>Use system proxy settings</source>
-        <translation type="unfinished"></translation>
+        <translation>使用系統代理伺服器設定</translation>
     </message>
     <message>
         <source>Keep up to %1 versions of each file</source>
-        <translation type="unfinished"></translation>
+        <translation>每個檔案最多保留 %1 個版本</translation>
     </message>
     <message>
         <source>The selected version could not be restored. Check that you have permission to change the file and try again.</source>
-        <translation type="unfinished"></translation>
+        <translation>無法還原所選的版本。請確認您有變更此檔案的權限，然後再試一次。</translation>
     </message>
     <message>
         <source>Quillon keeps the files on your computer and on your server in sync, so your latest work is always at hand. Let&apos;s set up your first sync session.</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon 會讓您電腦上和伺服器上的檔案保持同步，讓您隨時都能取得最新的工作成果。現在就來設定您的第一個同步任務吧。</translation>
     </message>
     <message>
         <source>Current version</source>
-        <translation type="unfinished"></translation>
+        <translation>目前版本</translation>
     </message>
     <message>
         <source>June</source>
-        <translation type="unfinished"></translation>
+        <translation>六月</translation>
     </message>
     <message>
         <source>Choose the folder to install the program in. You need permission to write to it.</source>
-        <translation type="unfinished"></translation>
+        <translation>選擇要安裝本程式的資料夾。您必須具備該資料夾的寫入權限。</translation>
     </message>
     <message>
         <source>Sync new folders on the server automatically</source>
-        <translation type="unfinished"></translation>
+        <translation>自動同步伺服器上的新資料夾</translation>
     </message>
     <message>
         <source>Remind Me Later</source>
-        <translation type="unfinished"></translation>
+        <translation>稍後提醒我</translation>
     </message>
     <message>
         <source>Deleted on %1</source>
-        <translation type="unfinished"></translation>
+        <translation>已於 %1 刪除</translation>
     </message>
     <message>
         <source>Upload speed</source>
-        <translation type="unfinished"></translation>
+        <translation>上傳速度</translation>
     </message>
     <message>
         <source>You have used %1% of your storage quota. Syncing stops when the quota is used up.</source>
-        <translation type="unfinished"></translation>
+        <translation>您已使用 %1% 的儲存空間配額。配額用完時，同步將會停止。</translation>
     </message>
     <message>
         <source>Renamed</source>
-        <translation type="unfinished"></translation>
+        <translation>已重新命名</translation>
     </message>
     <message>
         <source>The server folder of this sync session has been removed. Do you want to remove the session as well? The local files are kept.</source>
-        <translation type="unfinished"></translation>
+        <translation>此同步任務的伺服器資料夾已被移除。要一併移除此同步任務嗎？本機檔案會保留。</translation>
     </message>
     <message>
         <source>Quillon status icon</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon 狀態圖示</translation>
     </message>
     <message>
         <source>Preview</source>
-        <translation type="unfinished"></translation>
+        <translation>預覽</translation>
     </message>
     <message>
         <source>Completed</source>
-        <translation type="unfinished"></translation>
+        <translation>已完成</translation>
     </message>
     <message>
         <source>More actions</source>
-        <translation type="unfinished"></translation>
+        <translation>更多動作</translation>
     </message>
     <message>
         <source>Recycle Bin</source>
-        <translation type="unfinished"></translation>
+        <translation>資源回收筒</translation>
     </message>
     <message>
         <source>OK</source>
-        <translation type="unfinished"></translation>
+        <translation>確定</translation>
     </message>
     <message>
         <source>Start time</source>
-        <translation type="unfinished"></translation>
+        <translation>開始時間</translation>
     </message>
     <message>
         <source>This account is protected by two-step verification. Enter the six-digit code from your authenticator app.</source>
-        <translation type="unfinished"></translation>
+        <translation>此帳號受兩步驟驗證保護。請輸入驗證器應用程式中的六位數驗證碼。</translation>
     </message>
     <message>
         <source>Quillon – up to date</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon – 已是最新狀態</translation>
     </message>
     <message>
         <source>Check the settings below and click Done to start syncing. You can change them later in the session settings.</source>
-        <translation type="unfinished"></translation>
+        <translation>請檢查下列設定，然後按一下「完成」開始同步。您之後可以在任務設定中變更這些設定。</translation>
     </message>
     <message>
         <source>Ready</source>
-        <translation type="unfinished"></translation>
+        <translation>就緒</translation>
     </message>
     <message>
         <source>Upload %1, download %2</source>
-        <translation type="unfinished"></translation>
+        <translation>上傳 %1，下載 %2</translation>
     </message>
     <message>
         <source>Sync files</source>
-        <translation type="unfinished"></translation>
+        <translation>同步檔案</translation>
     </message>
     <message>
         <source>Collapse folder</source>
-        <translation type="unfinished"></translation>
+        <translation>摺疊資料夾</translation>
     </message>
     <message>
         <source>Search recent files</source>
-        <translation type="unfinished"></translation>
+        <translation>搜尋最近的檔案</translation>
     </message>
     <message>
         <source>Request Access</source>
-        <translation type="unfinished"></translation>
+        <translation>要求存取權</translation>
     </message>
     <message>
         <source>Done</source>
-        <translation type="unfinished"></translation>
+        <translation>完成</translation>
     </message>
     <message>
         <source>Limit download speed</source>
-        <translation type="unfinished"></translation>
+        <translation>限制下載速度</translation>
     </message>
     <message>
         <source>The proxy server requires authentication. Enter the username and password of the proxy in the network settings.</source>
-        <translation type="unfinished"></translation>
+        <translation>代理伺服器需要驗證。請在網路設定中輸入代理伺服器的使用者名稱和密碼。</translation>
     </message>
     <message>
         <source>Quillon</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon</translation>
     </message>
     <message>
         <source>Quillon Desktop Client</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon 桌面用戶端</translation>
     </message>
     <message>
         <source>Please wait...</source>
-        <translation type="unfinished"></translation>
+        <translation>請稍候...</translation>
     </message>
     <message>
         <source>Fingerprint: %1</source>
-        <translation type="unfinished"></translation>
+        <translation>指紋：%1</translation>
     </message>
     <message>
         <source>Saturday</source>
-        <translation type="unfinished"></translation>
+        <translation>星期六</translation>
     </message>
     <message>
         <source>Start Now</source>
-        <translation type="unfinished"></translation>
+        <translation>立即開始</translation>
     </message>
     <message>
         <source>Restore as a Copy</source>
-        <translation type="unfinished"></translation>
+        <translation>還原為副本</translation>
     </message>
     <message>
         <source>%1 TB</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 TB</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Bigger}[ProductName] Has Been Installed</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Bigger}已安裝 [ProductName]</translation>
     </message>
     <message>
         <source>Open Source Licenses</source>
-        <translation type="unfinished"></translation>
+        <translation>開放原始碼授權</translation>
     </message>
     <message>
         <source>Change Password</source>
-        <translation type="unfinished"></translation>
+        <translation>變更密碼</translation>
     </message>
     <message>
         <source>Unable to connect to the proxy server. Check the proxy address and port in the network settings.</source>
-        <translation type="unfinished"></translation>
+        <translation>無法連線到代理伺服器。請在網路設定中檢查代理伺服器的位址和連接埠。</translation>
     </message>
     <message>
         <source>Start Quillon when I sign in</source>
-        <translation type="unfinished"></translation>
+        <translation>登入時啟動 Quillon</translation>
     </message>
     <message>
         <source>Skip This Version</source>
-        <translation type="unfinished"></translation>
+        <translation>略過此版本</translation>
     </message>
     <message>
         <source>Keep Both</source>
-        <translation type="unfinished"></translation>
+        <translation>保留兩者</translation>
     </message>
     <message>
         <source>The connection to %1 has been restored.</source>
-        <translation type="unfinished"></translation>
+        <translation>與 %1 的連線已恢復。</translation>
     </message>
     <message>
         <source>Sync hidden files</source>
-        <translation type="unfinished"></translation>
+        <translation>同步隱藏檔案</translation>
     </message>
     <message>
         <source>Only administrators can change this setting. It is managed for your organization.</source>
-        <translation type="unfinished"></translation>
+        <translation>只有系統管理員可以變更此設定。此設定由您的組織管理。</translation>
     </message>
     <message>
         <source>Bandwidth</source>
-        <translation type="unfinished"></translation>
+        <translation>頻寬</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Destination Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}目的地資料夾</translation>
     </message>
     <message>
         <source>Collecting logs...</source>
-        <translation type="unfinished"></translation>
+        <translation>正在收集記錄檔...</translation>
     </message>
     <message>
         <source>A sync folder cannot be inside another sync folder, and it cannot contain one. Choose a folder outside your other sync folders.</source>
-        <translation type="unfinished"></translation>
+        <translation>同步資料夾不能位於其他同步資料夾內，也不能包含其他同步資料夾。請選擇不在其他同步資料夾中的資料夾。</translation>
     </message>
     <message>
         <source>There is not enough free space on the disk that holds the sync folder. Free some space or move the sync folder to another disk.</source>
-        <translation type="unfinished"></translation>
+        <translation>存放同步資料夾的磁碟沒有足夠的可用空間。請釋放部分空間，或將同步資料夾移至其他磁碟。</translation>
     </message>
     <message>
         <source>Properties</source>
-        <translation type="unfinished"></translation>
+        <translation>內容</translation>
     </message>
     <message>
         <source>Free Up Space</source>
-        <translation type="unfinished"></translation>
+        <translation>釋放空間</translation>
     </message>
     <message>
         <source>Sync progress</source>
-        <translation type="unfinished"></translation>
+        <translation>同步進度</translation>
     </message>
     <message>
         <source>Download speed</source>
-        <translation type="unfinished"></translation>
+        <translation>下載速度</translation>
     </message>
     <message>
         <source>All activity</source>
-        <translation type="unfinished"></translation>
+        <translation>所有活動</translation>
     </message>
     <message>
         <source>The sync folder cannot be found. It may have been moved, renamed or deleted. Syncing is paused until the folder is available again.</source>
-        <translation type="unfinished"></translation>
+        <translation>找不到同步資料夾。它可能已被移動、重新命名或刪除。在資料夾恢復可用之前，同步將會暫停。</translation>
     </message>
     <message>
         <source>What would you like to do?</source>
-        <translation type="unfinished"></translation>
+        <translation>您想要做什麼？</translation>
     </message>
     <message>
         <source>Check for Updates</source>
-        <translation type="unfinished"></translation>
+        <translation>檢查更新</translation>
     </message>
     <message>
         <source>Recent Changes</source>
-        <translation type="unfinished"></translation>
+        <translation>最近的變更</translation>
     </message>
     <message>
         <source>The downloaded update is damaged and has been discarded. Please try again later.</source>
-        <translation type="unfinished"></translation>
+        <translation>下載的更新已損毀並已捨棄。請稍後再試一次。</translation>
     </message>
     <message>
         <source>Skip temporary and system files</source>
-        <translation type="unfinished"></translation>
+        <translation>略過暫存檔和系統檔案</translation>
     </message>
     <message>
         <source>List of connections</source>
-        <translation type="unfinished"></translation>
+        <translation>連線清單</translation>
     </message>
     <message>
         <source>The server certificate has expired. Ask your administrator to renew it.</source>
-        <translation type="unfinished"></translation>
+        <translation>伺服器憑證已過期。請要求系統管理員更新憑證。</translation>
     </message>
     <message>
         <source>Show password</source>
-        <translation type="unfinished"></translation>
+        <translation>顯示密碼</translation>
     </message>
     <message>
         <source>Folder name</source>
-        <translation type="unfinished"></translation>
+        <translation>資料夾名稱</translation>
     </message>
     <message>
         <source>Inherited from %1</source>
-        <translation type="unfinished"></translation>
+        <translation>繼承自 %1</translation>
     </message>
     <message>
         <source>My Quillon</source>
-        <translation type="unfinished"></translation>
+        <translation>我的 Quillon</translation>
     </message>
     <message>
         <source>Clear selection</source>
-        <translation type="unfinished"></translation>
+        <translation>清除選取</translation>
     </message>
     <message>
         <source>Anyone with this link will lose access to the shared item. Do you want to stop sharing?</source>
-        <translation type="unfinished"></translation>
+        <translation>擁有此連結的任何人都將失去對共用項目的存取權。要停止共用嗎？</translation>
     </message>
     <message>
         <source>The Setup Wizard lets you repair the installation on your computer or remove it. Click Next to continue or Cancel to exit the wizard.</source>
-        <translation type="unfinished"></translation>
+        <translation>安裝精靈可讓您修復或移除電腦上安裝的程式。按一下「下一步」繼續，或按一下「取消」結束精靈。</translation>
     </message>
     <message>
         <source>The certificate was issued for %1, not for %2. You may be connecting through an address that the certificate does not cover.</source>
-        <translation type="unfinished"></translation>
+        <translation>此憑證是為 %1 簽發的，而非 %2。您可能正透過憑證未涵蓋的位址進行連線。</translation>
     </message>
     <message>
         <source>May</source>
-        <translation type="unfinished"></translation>
+        <translation>五月</translation>
     </message>
     <message>
         <source>The passwords do not match.</source>
-        <translation type="unfinished"></translation>
+        <translation>密碼不相符。</translation>
     </message>
     <message>
         <source>Export Logs</source>
-        <translation type="unfinished"></translation>
+        <translation>匯出記錄檔</translation>
     </message>
     <message>
         <source>Copy link</source>
-        <translation type="unfinished"></translation>
+        <translation>複製連結</translation>
     </message>
     <message>
         <source>The name %1 contains characters that are not allowed on the server. Rename the item to sync it.</source>
-        <translation type="unfinished"></translation>
+        <translation>名稱 %1 包含伺服器不允許的字元。請將該項目重新命名，以便進行同步。</translation>
     </message>
     <message>
         <source>Share</source>
-        <translation type="unfinished"></translation>
+        <translation>共用</translation>
     </message>
     <message>
         <source>Normal</source>
-        <translation type="unfinished"></translation>
+        <translation>標準</translation>
     </message>
     <message>
         <source>Keep both versions</source>
-        <translation type="unfinished"></translation>
+        <translation>保留兩個版本</translation>
     </message>
     <message>
         <source>All Set</source>
-        <translation type="unfinished"></translation>
+        <translation>一切就緒</translation>
     </message>
     <message>
         <source>Versions of %1</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 的版本</translation>
     </message>
     <message>
         <source>Password</source>
-        <translation type="unfinished"></translation>
+        <translation>密碼</translation>
     </message>
     <message>
         <source>Available</source>
-        <translation type="unfinished"></translation>
+        <translation>可用空間</translation>
     </message>
     <message>
         <source>Open Sync Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>開啟同步資料夾</translation>
     </message>
     <message>
         <source>%1 of %2 selected</source>
-        <translation type="unfinished"></translation>
+        <translation>已選取 %1 個，共 %2 個</translation>
     </message>
     <message>
         <source>KB/s</source>
-        <translation type="unfinished"></translation>
+        <translation>KB/秒</translation>
     </message>
     <message>
         <source>List of file versions</source>
-        <translation type="unfinished"></translation>
+        <translation>檔案版本清單</translation>
     </message>
     <message>
         <source>Upgrade</source>
-        <translation type="unfinished"></translation>
+        <translation>升級</translation>
     </message>
     <message>
         <source>Start Quillon automatically when you sign in, so your files are synced without you having to remember it.</source>
-        <translation type="unfinished"></translation>
+        <translation>登入時自動啟動 Quillon，讓您的檔案自動保持同步，不必每次記得手動開啟。</translation>
     </message>
     <message>
         <source>Choose the server folders to sync to this computer. New folders created on the server can be added automatically.</source>
-        <translation type="unfinished"></translation>
+        <translation>選擇要同步到這部電腦的伺服器資料夾。伺服器上新建立的資料夾可以自動加入。</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Installing [ProductName]</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}正在安裝 [ProductName]</translation>
     </message>
     <message>
         <source>An unexpected error occurred (code %1).</source>
-        <translation type="unfinished"></translation>
+        <translation>發生未預期的錯誤（代碼 %1）。</translation>
     </message>
     <message>
         <source>I do not accept the terms of the license agreement</source>
-        <translation type="unfinished"></translation>
+        <translation>我不接受授權合約中的條款</translation>
     </message>
     <message>
         <source>Certificate</source>
-        <translation type="unfinished"></translation>
+        <translation>憑證</translation>
     </message>
     <message>
         <source>Take a quick tour of Quillon</source>
-        <translation type="unfinished"></translation>
+        <translation>快速導覽 Quillon</translation>
     </message>
     <message>
         <source>March</source>
-        <translation type="unfinished"></translation>
+        <translation>三月</translation>
     </message>
     <message>
         <source>Resume All</source>
-        <translation type="unfinished"></translation>
+        <translation>全部繼續</translation>
     </message>
     <message>
         <source>You do not have permission to delete files in this folder. The deleted files will be downloaded again.</source>
-        <translation type="unfinished"></translation>
+        <translation>您沒有刪除此資料夾中檔案的權限。已刪除的檔案將會重新下載。</translation>
     </message>
     <message>
         <source>Visit Website</source>
-        <translation type="unfinished"></translation>
+        <translation>造訪網站</translation>
     </message>
     <message>
         <source>Choose what the Setup Wizard should do with the installed program.</source>
-        <translation type="unfinished"></translation>
+        <translation>選擇安裝精靈要對已安裝的程式執行的動作。</translation>
     </message>
     <message>
         <source>Download files only when they are opened</source>
-        <translation type="unfinished"></translation>
+        <translation>僅在開啟檔案時才下載</translation>
     </message>
     <message>
         <source>Restart Quillon to apply the new settings. Syncing continues where it stopped.</source>
-        <translation type="unfinished"></translation>
+        <translation>重新啟動 Quillon 以套用新設定。同步會從中斷的地方繼續。</translation>
     </message>
     <message>
         <source>Skip files larger than %1 MB</source>
-        <translation type="unfinished"></translation>
+        <translation>略過大於 %1 MB 的檔案</translation>
     </message>
     <message>
         <source>Version %1 (build %2)</source>
-        <translation type="unfinished"></translation>
+        <translation>版本 %1（組建 %2）</translation>
     </message>
     <message>
         <source>%1 remaining</source>
-        <translation type="unfinished"></translation>
+        <translation>還剩 %1</translation>
     </message>
     <message>
         <source>Pause syncing during these hours</source>
-        <translation type="unfinished"></translation>
+        <translation>在這些時段暫停同步</translation>
     </message>
     <message>
         <source>This account has been disabled on the server. Please contact your administrator to have it enabled again.</source>
-        <translation type="unfinished"></translation>
+        <translation>此帳號已在伺服器上停用。請聯絡系統管理員重新啟用。</translation>
     </message>
     <message>
         <source>Sync symbolic links</source>
-        <translation type="unfinished"></translation>
+        <translation>同步符號連結</translation>
     </message>
     <message>
         <source>Link</source>
-        <translation type="unfinished"></translation>
+        <translation>連結</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Not Enough Disk Space</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}磁碟空間不足</translation>
     </message>
     <message>
         <source>Also remove my settings, sync session information and logs</source>
-        <translation type="unfinished"></translation>
+        <translation>一併移除我的設定、同步任務資訊和記錄檔</translation>
     </message>
     <message>
         <source>Source folders</source>
-        <translation type="unfinished"></translation>
+        <translation>來源資料夾</translation>
     </message>
     <message>
         <source>The server runs Quillon Server %1, but this client requires version %2 or later. Please ask your administrator to update the server.</source>
-        <translation type="unfinished"></translation>
+        <translation>伺服器執行的是 Quillon Server %1，但此用戶端需要 %2 版或更新版本。請要求系統管理員更新伺服器。</translation>
     </message>
     <message>
         <source>New Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>新增資料夾</translation>
     </message>
     <message>
         <source>Made a mistake? Right-click a file and restore an earlier version from the file history.</source>
-        <translation type="unfinished"></translation>
+        <translation>不小心出錯了嗎？在檔案上按一下滑鼠右鍵，即可從檔案歷程記錄還原較舊的版本。</translation>
     </message>
     <message>
         <source>Log level</source>
-        <translation type="unfinished"></translation>
+        <translation>記錄層級</translation>
     </message>
     <message>
         <source>Remove Session</source>
-        <translation type="unfinished"></translation>
+        <translation>移除同步任務</translation>
     </message>
     <message>
         <source>Saving...</source>
-        <translation type="unfinished"></translation>
+        <translation>正在儲存...</translation>
     </message>
     <message>
         <source>Server name</source>
-        <translation type="unfinished"></translation>
+        <translation>伺服器名稱</translation>
     </message>
     <message>
         <source>Monday</source>
-        <translation type="unfinished"></translation>
+        <translation>星期一</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Change Destination Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}變更目的地資料夾</translation>
     </message>
     <message>
         <source>Connected over the local network</source>
-        <translation type="unfinished"></translation>
+        <translation>已透過區域網路連線</translation>
     </message>
     <message>
         <source>Unlink</source>
-        <translation type="unfinished"></translation>
+        <translation>取消連結</translation>
     </message>
     <message>
         <source>Resume syncing</source>
-        <translation type="unfinished"></translation>
+        <translation>繼續同步</translation>
     </message>
     <message>
         <source>If you exit Quillon, changes to your files will no longer be synced until you start it again. Do you want to exit?</source>
-        <translation type="unfinished"></translation>
+        <translation>如果結束 Quillon，在您再次啟動之前，檔案的變更將不會同步。要結束嗎？</translation>
     </message>
     <message>
         <source>Session name</source>
-        <translation type="unfinished"></translation>
+        <translation>同步任務名稱</translation>
     </message>
     <message>
         <source>Conflict detected</source>
-        <translation type="unfinished"></translation>
+        <translation>偵測到衝突</translation>
     </message>
     <message>
         <source>Encrypted shared folders must be mounted on the server before they can be synced. Ask your administrator to mount the folder.</source>
-        <translation type="unfinished"></translation>
+        <translation>加密的共用資料夾必須先在伺服器上掛載，才能進行同步。請要求系統管理員掛載此資料夾。</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Ready to Update</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}準備更新</translation>
     </message>
     <message>
         <source>Number of visits</source>
-        <translation type="unfinished"></translation>
+        <translation>造訪次數</translation>
     </message>
     <message>
         <source>An update is ready. Restart Quillon to install it.</source>
-        <translation type="unfinished"></translation>
+        <translation>更新已準備就緒。請重新啟動 Quillon 以進行安裝。</translation>
     </message>
     <message>
         <source>Error</source>
-        <translation type="unfinished"></translation>
+        <translation>錯誤</translation>
     </message>
     <message>
         <source>You have read-only access to this folder. Changes made on this computer will not be uploaded and will be replaced by the server version.</source>
-        <translation type="unfinished"></translation>
+        <translation>您對此資料夾只有唯讀存取權。在這部電腦上所做的變更不會上傳，並將被伺服器版本取代。</translation>
     </message>
     <message>
         <source>The source folder of this backup plan cannot be found. Check that the drive that holds it is connected.</source>
-        <translation type="unfinished"></translation>
+        <translation>找不到此備份計畫的來源資料夾。請確認存放該資料夾的磁碟機已連接。</translation>
     </message>
     <message>
         <source>The proxy server requires a password</source>
-        <translation type="unfinished"></translation>
+        <translation>代理伺服器需要密碼</translation>
     </message>
     <message>
         <source>Modified by %1</source>
-        <translation type="unfinished"></translation>
+        <translation>修改者：%1</translation>
     </message>
     <message>
         <source>Go back</source>
-        <translation type="unfinished"></translation>
+        <translation>返回</translation>
     </message>
     <message>
         <source>%1 local changes waiting to upload</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 個本機變更等待上傳</translation>
     </message>
     <message>
         <source>Setup was canceled before it finished. Nothing on your computer has been changed. Run the Setup Wizard again whenever you want to install the program.</source>
-        <translation type="unfinished"></translation>
+        <translation>安裝在完成前已被取消。您電腦上的任何內容皆未變更。您可以隨時再次執行安裝精靈來安裝本程式。</translation>
     </message>
     <message>
         <source>Local path</source>
-        <translation type="unfinished"></translation>
+        <translation>本機路徑</translation>
     </message>
     <message>
         <source>Need all of your bandwidth for a while? Pause syncing at any time from the tray menu.</source>
-        <translation type="unfinished"></translation>
+        <translation>需要暫時使用所有頻寬嗎？您可以隨時從系統匣選單暫停同步。</translation>
     </message>
     <message>
         <source>Required</source>
-        <translation type="unfinished"></translation>
+        <translation>所需空間</translation>
     </message>
     <message>
         <source>Advanced</source>
-        <translation type="unfinished"></translation>
+        <translation>進階</translation>
     </message>
     <message>
         <source>Time</source>
-        <translation type="unfinished"></translation>
+        <translation>時間</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Repair or Remove Installation</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}修復或移除安裝</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Bigger}Setup Could Not Finish</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Bigger}安裝無法完成</translation>
     </message>
     <message>
         <source>No limit</source>
-        <translation type="unfinished"></translation>
+        <translation>無限制</translation>
     </message>
     <message>
         <source>Quillon – %1 items could not be synced</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon – %1 個項目無法同步</translation>
     </message>
     <message>
         <source>Quillon Setup</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon 安裝程式</translation>
     </message>
     <message>
         <source>Some files were skipped because of their name, size or type. See the details for more information.</source>
-        <translation type="unfinished"></translation>
+        <translation>部分檔案因名稱、大小或類型而被略過。如需詳細資訊，請查看詳細資料。</translation>
     </message>
     <message>
         <source>Edit Sync Session</source>
-        <translation type="unfinished"></translation>
+        <translation>編輯同步任務</translation>
     </message>
     <message>
         <source>You do not have permission to share this item. Ask its owner to share it or to give you permission.</source>
-        <translation type="unfinished"></translation>
+        <translation>您沒有共用此項目的權限。請要求其擁有者共用它，或授予您權限。</translation>
     </message>
     <message>
         <source>Tuesday</source>
-        <translation type="unfinished"></translation>
+        <translation>星期二</translation>
     </message>
     <message>
         <source>Moved</source>
-        <translation type="unfinished"></translation>
+        <translation>已移動</translation>
     </message>
     <message>
         <source>Got it!</source>
-        <translation type="unfinished"></translation>
+        <translation>知道了！</translation>
     </message>
     <message>
         <source>Connected to %1 as %2</source>
-        <translation type="unfinished"></translation>
+        <translation>已以 %2 身分連線到 %1</translation>
     </message>
     <message>
         <source>Quillon uses the proxy settings of your system unless you enter other settings here. The proxy is used for every connection except those to addresses on your local network.</source>
-        <translation type="unfinished"></translation>
+        <translation>除非您在此輸入其他設定，否則 Quillon 會使用系統的代理伺服器設定。除了連往區域網路位址的連線之外，所有連線都會使用代理伺服器。</translation>
     </message>
     <message>
         <source>Keeps the files on your computers in sync with your Quillon server</source>
-        <translation type="unfinished"></translation>
+        <translation>讓您電腦上的檔案與 Quillon 伺服器保持同步</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Bigger}Welcome to [ProductName] Setup</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Bigger}歡迎使用 [ProductName] 安裝程式</translation>
     </message>
     <message>
         <source>Update available</source>
-        <translation type="unfinished"></translation>
+        <translation>有可用的更新</translation>
     </message>
     <message>
         <source>Show QR Code</source>
-        <translation type="unfinished"></translation>
+        <translation>顯示 QR 碼</translation>
     </message>
     <message>
         <source>Compare Versions</source>
-        <translation type="unfinished"></translation>
+        <translation>比較版本</translation>
     </message>
     <message>
         <source>Can upload</source>
-        <translation type="unfinished"></translation>
+        <translation>可上傳</translation>
     </message>
     <message>
         <source>Restore %1 to the version of %2? The current version will be kept in the file history.</source>
-        <translation type="unfinished"></translation>
+        <translation>要將 %1 還原為 %2 的版本嗎？目前的版本將保留在檔案歷程記錄中。</translation>
     </message>
     <message>
         <source>Modified by</source>
-        <translation type="unfinished"></translation>
+        <translation>修改者</translation>
     </message>
     <message>
         <source>This server does not support file syncing. Ask your administrator to install the Quillon Server package on it.</source>
-        <translation type="unfinished"></translation>
+        <translation>此伺服器不支援檔案同步。請要求系統管理員在伺服器上安裝 Quillon Server 套件。</translation>
     </message>
     <message>
         <source>Open Log Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>開啟記錄檔資料夾</translation>
     </message>
     <message>
         <source>The connection is encrypted.</source>
-        <translation type="unfinished"></translation>
+        <translation>此連線已加密。</translation>
     </message>
     <message>
         <source>Mark all as read</source>
-        <translation type="unfinished"></translation>
+        <translation>全部標示為已讀</translation>
     </message>
     <message>
         <source>View Conflicts</source>
-        <translation type="unfinished"></translation>
+        <translation>檢視衝突</translation>
     </message>
     <message>
         <source>Confirm</source>
-        <translation type="unfinished"></translation>
+        <translation>確認</translation>
     </message>
     <message>
         <source>Servers found on your local network</source>
-        <translation type="unfinished"></translation>
+        <translation>在區域網路上找到的伺服器</translation>
     </message>
     <message>
         <source>The port must be a number between 1 and 65535.</source>
-        <translation type="unfinished"></translation>
+        <translation>連接埠必須是介於 1 到 65535 之間的數字。</translation>
     </message>
     <message>
         <source>No recently synced files.</source>
-        <translation type="unfinished"></translation>
+        <translation>沒有最近同步的檔案。</translation>
     </message>
     <message>
         <source>Sync Conflicts</source>
-        <translation type="unfinished"></translation>
+        <translation>同步衝突</translation>
     </message>
     <message>
         <source>Two-step verification is required for this account. Enter the code shown by your authenticator app.</source>
-        <translation type="unfinished"></translation>
+        <translation>此帳號需要兩步驟驗證。請輸入驗證器應用程式顯示的驗證碼。</translation>
     </message>
     <message>
         <source>Include folder %1 in sync</source>
-        <translation type="unfinished"></translation>
+        <translation>將資料夾 %1 納入同步</translation>
     </message>
     <message>
         <source>Some files that setup has to replace are being used.</source>
-        <translation type="unfinished"></translation>
+        <translation>安裝程式需要取代的部分檔案正在使用中。</translation>
     </message>
     <message>
         <source>Update Now</source>
-        <translation type="unfinished"></translation>
+        <translation>立即更新</translation>
     </message>
     <message>
         <source>Sync Sessions</source>
-        <translation type="unfinished"></translation>
+        <translation>同步任務</translation>
     </message>
     <message>
         <source>Put files into your sync folder and they appear on your server and on every other computer connected to it.</source>
-        <translation type="unfinished"></translation>
+        <translation>將檔案放入同步資料夾，它們就會出現在您的伺服器以及所有連線到該伺服器的電腦上。</translation>
     </message>
     <message>
         <source>Updating...</source>
-        <translation type="unfinished"></translation>
+        <translation>正在更新...</translation>
     </message>
     <message>
         <source>Download Update</source>
-        <translation type="unfinished"></translation>
+        <translation>下載更新</translation>
     </message>
     <message>
         <source>List of sync sessions</source>
-        <translation type="unfinished"></translation>
+        <translation>同步任務清單</translation>
     </message>
     <message>
         <source>Preparing...</source>
-        <translation type="unfinished"></translation>
+        <translation>正在準備...</translation>
     </message>
     <message>
         <source>Only the selected folders are synced to this computer. Folders you clear are removed from this computer but stay on the server, where you can still open them from the web portal.</source>
-        <translation type="unfinished"></translation>
+        <translation>只有選取的資料夾會同步到這部電腦。取消勾選的資料夾會從這部電腦移除，但仍保留在伺服器上，您依然可以從網頁入口開啟它們。</translation>
     </message>
     <message>
         <source>The applications listed below are using files that this setup has to replace. Close them and click Retry to continue, or click Ignore to replace the files after a restart.</source>
-        <translation type="unfinished"></translation>
+        <translation>下列應用程式正在使用此安裝程式需要取代的檔案。請關閉這些應用程式並按一下「重試」繼續，或按一下「忽略」在重新開機後取代檔案。</translation>
     </message>
     <message>
         <source>The server is in maintenance mode. Syncing resumes automatically when the maintenance is over.</source>
-        <translation type="unfinished"></translation>
+        <translation>伺服器正在進行維護。維護結束後，同步將自動繼續。</translation>
     </message>
     <message>
         <source>Modified on %1</source>
-        <translation type="unfinished"></translation>
+        <translation>修改於 %1</translation>
     </message>
     <message>
         <source>%1 of %2 used</source>
-        <translation type="unfinished"></translation>
+        <translation>已使用 %1，共 %2</translation>
     </message>
     <message>
         <source>All files in this session are up to date.</source>
-        <translation type="unfinished"></translation>
+        <translation>此同步任務中的所有檔案皆已是最新狀態。</translation>
     </message>
     <message>
         <source>Back up files</source>
-        <translation type="unfinished"></translation>
+        <translation>備份檔案</translation>
     </message>
     <message>
         <source>%1 was changed on this computer and on the server. Choose which version to keep or keep both of them.</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 在這部電腦和伺服器上都已變更。請選擇要保留的版本，或兩者都保留。</translation>
     </message>
     <message>
         <source>Network</source>
-        <translation type="unfinished"></translation>
+        <translation>網路</translation>
     </message>
     <message>
         <source>Recent Files</source>
-        <translation type="unfinished"></translation>
+        <translation>最近的檔案</translation>
     </message>
     <message>
         <source>File name</source>
-        <translation type="unfinished"></translation>
+        <translation>檔案名稱</translation>
     </message>
     <message>
         <source>A folder named %1 already exists.</source>
-        <translation type="unfinished"></translation>
+        <translation>名為 %1 的資料夾已存在。</translation>
     </message>
     <message>
         <source>Connections</source>
-        <translation type="unfinished"></translation>
+        <translation>連線</translation>
     </message>
     <message>
         <source>Selective Sync...</source>
-        <translation type="unfinished"></translation>
+        <translation>選擇性同步...</translation>
     </message>
     <message>
         <source>Status</source>
-        <translation type="unfinished"></translation>
+        <translation>狀態</translation>
     </message>
     <message>
         <source>Uploading</source>
-        <translation type="unfinished"></translation>
+        <translation>正在上傳</translation>
     </message>
     <message>
         <source>Sign-in failed. The username or password is incorrect. Passwords are case-sensitive, so check that Caps Lock is off.</source>
-        <translation type="unfinished"></translation>
+        <translation>登入失敗。使用者名稱或密碼不正確。密碼會區分大小寫，請確認 Caps Lock 未開啟。</translation>
     </message>
     <message>
         <source>Resume</source>
-        <translation type="unfinished"></translation>
+        <translation>繼續</translation>
     </message>
     <message>
         <source>Replaces missing or damaged program files and shortcuts with the files of this installation package.</source>
-        <translation type="unfinished"></translation>
+        <translation>以此安裝套件中的檔案取代遺失或損毀的程式檔案和捷徑。</translation>
     </message>
     <message>
         <source>The server is busy. Quillon will try again in a few minutes.</source>
-        <translation type="unfinished"></translation>
+        <translation>伺服器忙碌中。Quillon 將在幾分鐘後重試。</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Ready to Remove</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}準備移除</translation>
     </message>
     <message>
         <source>Please enter a password.</source>
-        <translation type="unfinished"></translation>
+        <translation>請輸入密碼。</translation>
     </message>
     <message>
         <source>Use the default folder</source>
-        <translation type="unfinished"></translation>
+        <translation>使用預設資料夾</translation>
     </message>
     <message>
         <source>Some files could not be synced</source>
-        <translation type="unfinished"></translation>
+        <translation>部分檔案無法同步</translation>
     </message>
     <message>
         <source>Search files</source>
-        <translation type="unfinished"></translation>
+        <translation>搜尋檔案</translation>
     </message>
     <message>
         <source>Delete Version</source>
-        <translation type="unfinished"></translation>
+        <translation>刪除版本</translation>
     </message>
     <message>
         <source>Create Connection</source>
-        <translation type="unfinished"></translation>
+        <translation>建立連線</translation>
     </message>
     <message>
         <source>Latest version</source>
-        <translation type="unfinished"></translation>
+        <translation>最新版本</translation>
     </message>
     <message>
         <source>Setup will guide you through the installation of Quillon. Please exit Quillon and close other programs that may use its files before you continue, so that setup can replace them without a restart.</source>
-        <translation type="unfinished"></translation>
+        <translation>安裝程式將引導您完成 Quillon 的安裝。繼續之前，請先結束 Quillon，並關閉其他可能使用其檔案的程式，讓安裝程式不必重新開機即可取代這些檔案。</translation>
     </message>
     <message>
         <source>Restore</source>
-        <translation type="unfinished"></translation>
+        <translation>還原</translation>
     </message>
     <message>
         <source>%1 files were added to %2.</source>
-        <translation type="unfinished"></translation>
+        <translation>已將 %1 個檔案新增至 %2。</translation>
     </message>
     <message>
         <source>Owner</source>
-        <translation type="unfinished"></translation>
+        <translation>擁有者</translation>
     </message>
     <message>
         <source>Location</source>
-        <translation type="unfinished"></translation>
+        <translation>位置</translation>
     </message>
     <message>
         <source>Downloaded</source>
-        <translation type="unfinished"></translation>
+        <translation>已下載</translation>
     </message>
     <message>
         <source>Searching for servers on your local network...</source>
-        <translation type="unfinished"></translation>
+        <translation>正在搜尋區域網路上的伺服器...</translation>
     </message>
     <message>
         <source>Syncing %1 files</source>
-        <translation type="unfinished"></translation>
+        <translation>正在同步 %1 個檔案</translation>
     </message>
     <message>
         <source>Speed limit</source>
-        <translation type="unfinished"></translation>
+        <translation>速度限制</translation>
     </message>
     <message>
         <source>Keep the local version</source>
-        <translation type="unfinished"></translation>
+        <translation>保留本機版本</translation>
     </message>
     <message>
         <source>%1 could not be deleted because it is in use or you do not have permission to delete it.</source>
-        <translation type="unfinished"></translation>
+        <translation>無法刪除 %1，因為它正在使用中，或您沒有刪除它的權限。</translation>
     </message>
     <message>
         <source>Ready to Sync</source>
-        <translation type="unfinished"></translation>
+        <translation>準備同步</translation>
     </message>
     <message>
         <source>Ignore</source>
-        <translation type="unfinished"></translation>
+        <translation>忽略</translation>
     </message>
     <message>
         <source>Close the applications automatically and start them again afterwards</source>
-        <translation type="unfinished"></translation>
+        <translation>自動關閉應用程式，並於之後重新啟動</translation>
     </message>
     <message>
         <source>Checking for updates...</source>
-        <translation type="unfinished"></translation>
+        <translation>正在檢查更新...</translation>
     </message>
     <message>
         <source>Quillon is now syncing your files. You can follow the progress from the tray icon and change your settings at any time.</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon 正在同步您的檔案。您可以透過系統匣圖示查看進度，並隨時變更設定。</translation>
     </message>
     <message>
         <source>Logs help the support team find the cause of a problem. They contain file names and error messages, but never the contents of your files or your password.</source>
-        <translation type="unfinished"></translation>
+        <translation>記錄檔可協助技術支援團隊找出問題的原因。記錄檔包含檔案名稱和錯誤訊息，但絕不會包含您檔案的內容或您的密碼。</translation>
     </message>
     <message>
         <source>Sign In Again</source>
-        <translation type="unfinished"></translation>
+        <translation>重新登入</translation>
     </message>
     <message>
         <source>Network tab</source>
-        <translation type="unfinished"></translation>
+        <translation>網路索引標籤</translation>
     </message>
     <message>
         <source>Backup Plans</source>
-        <translation type="unfinished"></translation>
+        <translation>備份計畫</translation>
     </message>
     <message>
         <source>File Filter</source>
-        <translation type="unfinished"></translation>
+        <translation>檔案篩選器</translation>
     </message>
     <message>
         <source>%1 items could not be synced. Click here to see the details.</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 個項目無法同步。按一下這裡查看詳細資料。</translation>
     </message>
     <message>
         <source>The folder path is not valid. Please choose a folder on a local drive that you have permission to write to.</source>
-        <translation type="unfinished"></translation>
+        <translation>資料夾路徑無效。請選擇位於本機磁碟機、且您具有寫入權限的資料夾。</translation>
     </message>
     <message>
         <source>Use * to match any characters and ? to match a single character, for example *.tmp or ~$*</source>
-        <translation type="unfinished"></translation>
+        <translation>使用 * 比對任意字元，使用 ? 比對單一字元，例如 *.tmp 或 ~$*</translation>
     </message>
     <message>
         <source>Protect the link with a password</source>
-        <translation type="unfinished"></translation>
+        <translation>以密碼保護連結</translation>
     </message>
     <message>
         <source>The connection timed out because the server took too long to respond. Quillon will try again shortly.</source>
-        <translation type="unfinished"></translation>
+        <translation>伺服器回應時間過長，連線已逾時。Quillon 稍後會再試一次。</translation>
     </message>
     <message>
         <source>Pause All</source>
-        <translation type="unfinished"></translation>
+        <translation>全部暫停</translation>
     </message>
     <message>
         <source>Update</source>
-        <translation type="unfinished"></translation>
+        <translation>更新</translation>
     </message>
     <message>
         <source>Debug</source>
-        <translation type="unfinished"></translation>
+        <translation>偵錯</translation>
     </message>
     <message>
         <source>A conflict occurs when a file is changed on this computer and on the server before the two sides are synced. Quillon never overwrites one change with the other without your consent.</source>
-        <translation type="unfinished"></translation>
+        <translation>當檔案在兩端完成同步之前，同時在這部電腦和伺服器上被變更時，就會發生衝突。未經您同意，Quillon 絕不會以其中一方的變更覆寫另一方。</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}End-User License Agreement</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}終端使用者授權合約</translation>
     </message>
     <message>
         <source>Could not check for updates. Quillon will try again later.</source>
-        <translation type="unfinished"></translation>
+        <translation>無法檢查更新。Quillon 稍後會再試一次。</translation>
     </message>
     <message>
         <source>Apply to all conflicts</source>
-        <translation type="unfinished"></translation>
+        <translation>套用至所有衝突</translation>
     </message>
     <message>
         <source>Connected</source>
-        <translation type="unfinished"></translation>
+        <translation>已連線</translation>
     </message>
     <message>
         <source>February</source>
-        <translation type="unfinished"></translation>
+        <translation>二月</translation>
     </message>
     <message>
         <source>Back up folders such as Documents and Pictures to your server on a schedule, and restore them whenever you need to.</source>
-        <translation type="unfinished"></translation>
+        <translation>依排程將「文件」和「圖片」等資料夾備份到您的伺服器，並在需要時隨時還原。</translation>
     </message>
     <message>
         <source>Black-and-white tray icon</source>
-        <translation type="unfinished"></translation>
+        <translation>黑白系統匣圖示</translation>
     </message>
     <message>
         <source>September</source>
-        <translation type="unfinished"></translation>
+        <translation>九月</translation>
     </message>
     <message>
         <source>Click Install to start the installation. Click Back to review or change your choices, or Cancel to exit the wizard.</source>
-        <translation type="unfinished"></translation>
+        <translation>按一下「安裝」開始安裝。按一下「上一步」檢閱或變更您的選擇，或按一下「取消」結束精靈。</translation>
     </message>
     <message>
         <source>Rename</source>
-        <translation type="unfinished"></translation>
+        <translation>重新命名</translation>
     </message>
     <message>
         <source>The local database is damaged. Quillon will rebuild it and compare all files with the server again. This can take a while.</source>
-        <translation type="unfinished"></translation>
+        <translation>本機資料庫已損毀。Quillon 將重建資料庫，並重新將所有檔案與伺服器比對。這可能需要一段時間。</translation>
     </message>
     <message>
         <source>Keep Server Version</source>
-        <translation type="unfinished"></translation>
+        <translation>保留伺服器版本</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Bigger}Setup Was Canceled</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Bigger}安裝已取消</translation>
     </message>
     <message>
         <source>A backup plan copies the selected folders to the server on a schedule. Deleting a file on this computer does not delete its backup, and earlier versions can be restored at any time.</source>
-        <translation type="unfinished"></translation>
+        <translation>備份計畫會依排程將所選資料夾複製到伺服器。在這部電腦上刪除檔案不會刪除其備份，而且可以隨時還原較舊的版本。</translation>
     </message>
     <message>
         <source>Queued</source>
-        <translation type="unfinished"></translation>
+        <translation>已排入佇列</translation>
     </message>
     <message>
         <source>October</source>
-        <translation type="unfinished"></translation>
+        <translation>十月</translation>
     </message>
     <message>
         <source>Install and Restart</source>
-        <translation type="unfinished"></translation>
+        <translation>安裝並重新啟動</translation>
     </message>
     <message>
         <source>Allow visitors to download the shared files</source>
-        <translation type="unfinished"></translation>
+        <translation>允許訪客下載共用的檔案</translation>
     </message>
     <message>
         <source>Disk Size</source>
-        <translation type="unfinished"></translation>
+        <translation>磁碟大小</translation>
     </message>
     <message>
         <source>April</source>
-        <translation type="unfinished"></translation>
+        <translation>四月</translation>
     </message>
     <message>
         <source>Uploaded</source>
-        <translation type="unfinished"></translation>
+        <translation>已上傳</translation>
     </message>
     <message>
         <source>About %1 of free space is needed on this computer.</source>
-        <translation type="unfinished"></translation>
+        <translation>這部電腦需要約 %1 的可用空間。</translation>
     </message>
     <message>
         <source>Do you want to unlink this computer from the server? All sync sessions of this connection will be removed. Your files are not deleted.</source>
-        <translation type="unfinished"></translation>
+        <translation>要取消這部電腦與伺服器的連結嗎？此連線的所有同步任務都將被移除。您的檔案不會被刪除。</translation>
     </message>
     <message>
         <source>Every hour</source>
-        <translation type="unfinished"></translation>
+        <translation>每小時</translation>
     </message>
     <message>
         <source>Change...</source>
-        <translation type="unfinished"></translation>
+        <translation>變更...</translation>
     </message>
     <message>
         <source>Scanning local files for changes...</source>
-        <translation type="unfinished"></translation>
+        <translation>正在掃描本機檔案的變更...</translation>
     </message>
     <message>
         <source>The server cannot be reached. Check that it is switched on and connected to the network. Quillon keeps trying to reconnect.</source>
-        <translation type="unfinished"></translation>
+        <translation>無法連線到伺服器。請確認伺服器已開機並連接到網路。Quillon 會持續嘗試重新連線。</translation>
     </message>
     <message>
         <source>Privacy Policy</source>
-        <translation type="unfinished"></translation>
+        <translation>隱私權政策</translation>
     </message>
     <message>
         <source>This version of Quillon is no longer supported by the server. Please install the latest version to continue syncing.</source>
-        <translation type="unfinished"></translation>
+        <translation>伺服器已不再支援此版本的 Quillon。請安裝最新版本，才能繼續同步。</translation>
     </message>
     <message>
         <source>Next tip</source>
-        <translation type="unfinished"></translation>
+        <translation>下一個提示</translation>
     </message>
     <message>
         <source>The sync session has been created. Quillon starts syncing right away.</source>
-        <translation type="unfinished"></translation>
+        <translation>同步任務已建立。Quillon 會立即開始同步。</translation>
     </message>
     <message>
         <source>Type</source>
-        <translation type="unfinished"></translation>
+        <translation>類型</translation>
     </message>
     <message>
         <source>Leave the applications open and restart the computer later</source>
-        <translation type="unfinished"></translation>
+        <translation>讓應用程式保持開啟，稍後再重新啟動電腦</translation>
     </message>
     <message>
         <source>Session Details</source>
-        <translation type="unfinished"></translation>
+        <translation>同步任務詳細資料</translation>
     </message>
     <message>
         <source>Do you want to remove this sync session? Syncing stops, but the files on this computer and on the server are kept.</source>
-        <translation type="unfinished"></translation>
+        <translation>要移除此同步任務嗎？同步將會停止，但這部電腦和伺服器上的檔案都會保留。</translation>
     </message>
     <message>
         <source>Keep Local Version</source>
-        <translation type="unfinished"></translation>
+        <translation>保留本機版本</translation>
     </message>
     <message>
         <source>Sync Settings</source>
-        <translation type="unfinished"></translation>
+        <translation>同步設定</translation>
     </message>
     <message>
         <source>Sharing is disabled for this account. Contact your administrator if you need to share files.</source>
-        <translation type="unfinished"></translation>
+        <translation>此帳號已停用共用功能。如需共用檔案，請聯絡系統管理員。</translation>
     </message>
     <message>
         <source>This program requires Windows 7 Service Pack 1 or later. Setup will now exit.</source>
-        <translation type="unfinished"></translation>
+        <translation>本程式需要 Windows 7 Service Pack 1 或更新版本。安裝程式即將結束。</translation>
     </message>
     <message>
         <source>Remove Rule</source>
-        <translation type="unfinished"></translation>
+        <translation>移除規則</translation>
     </message>
     <message>
         <source>Get Support</source>
-        <translation type="unfinished"></translation>
+        <translation>取得支援</translation>
     </message>
     <message>
         <source>Server</source>
-        <translation type="unfinished"></translation>
+        <translation>伺服器</translation>
     </message>
     <message>
         <source>Sync status</source>
-        <translation type="unfinished"></translation>
+        <translation>同步狀態</translation>
     </message>
     <message>
         <source>Stop Sharing</source>
-        <translation type="unfinished"></translation>
+        <translation>停止共用</translation>
     </message>
     <message>
         <source>November</source>
-        <translation type="unfinished"></translation>
+        <translation>十一月</translation>
     </message>
     <message>
         <source>Language</source>
-        <translation type="unfinished"></translation>
+        <translation>語言</translation>
     </message>
     <message>
         <source>A sync conflict occurred for %1. Both versions have been kept.</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 發生同步衝突。兩個版本都已保留。</translation>
     </message>
     <message>
         <source>Install [ProductName] in this folder:</source>
-        <translation type="unfinished"></translation>
+        <translation>將 [ProductName] 安裝在此資料夾：</translation>
     </message>
     <message>
         <source>Setup stopped because of an error. Nothing on your computer has been changed. Run the Setup Wizard again later to install the program.</source>
-        <translation type="unfinished"></translation>
+        <translation>安裝程式因發生錯誤而停止。您電腦上的任何內容皆未變更。請稍後再次執行安裝精靈來安裝本程式。</translation>
     </message>
     <message>
         <source>Server name, IP address or relay ID, for example files.example.com</source>
-        <translation type="unfinished"></translation>
+        <translation>伺服器名稱、IP 位址或中繼 ID，例如 files.example.com</translation>
     </message>
     <message>
         <source>Waiting</source>
-        <translation type="unfinished"></translation>
+        <translation>等待中</translation>
     </message>
     <message>
         <source>Never expires</source>
-        <translation type="unfinished"></translation>
+        <translation>永不過期</translation>
     </message>
     <message>
         <source>A newer version of [ProductName] is already installed on this computer. Setup will now exit.</source>
-        <translation type="unfinished"></translation>
+        <translation>這部電腦上已安裝較新版本的 [ProductName]。安裝程式即將結束。</translation>
     </message>
     <message>
         <source>Created on %1</source>
-        <translation type="unfinished"></translation>
+        <translation>建立於 %1</translation>
     </message>
     <message>
         <source>Wednesday</source>
-        <translation type="unfinished"></translation>
+        <translation>星期三</translation>
     </message>
     <message>
         <source>Downloading</source>
-        <translation type="unfinished"></translation>
+        <translation>正在下載</translation>
     </message>
     <message>
         <source>When a conflict occurs</source>
-        <translation type="unfinished"></translation>
+        <translation>發生衝突時</translation>
     </message>
     <message>
         <source>Add Connection...</source>
-        <translation type="unfinished"></translation>
+        <translation>新增連線...</translation>
     </message>
     <message>
         <source>Downloading update... %1%</source>
-        <translation type="unfinished"></translation>
+        <translation>正在下載更新... %1%</translation>
     </message>
     <message>
         <source>Automatic Setup</source>
-        <translation type="unfinished"></translation>
+        <translation>自動設定</translation>
     </message>
     <message>
         <source>The Setup Wizard will update the installed copy of [ProductName] on your computer. Your sync sessions and settings are kept. Click Next to continue or Cancel to exit the wizard.</source>
-        <translation type="unfinished"></translation>
+        <translation>安裝精靈將更新您電腦上已安裝的 [ProductName]。您的同步任務和設定都會保留。按一下「下一步」繼續，或按一下「取消」結束精靈。</translation>
     </message>
     <message>
         <source>The logs have been saved to your desktop as a compressed archive.</source>
-        <translation type="unfinished"></translation>
+        <translation>記錄檔已儲存為壓縮封存檔，存放在您的桌面上。</translation>
     </message>
     <message>
         <source>Pause syncing</source>
-        <translation type="unfinished"></translation>
+        <translation>暫停同步</translation>
     </message>
     <message>
         <source>Do not use the proxy for local addresses</source>
-        <translation type="unfinished"></translation>
+        <translation>本機位址不使用代理伺服器</translation>
     </message>
     <message>
         <source>Remove</source>
-        <translation type="unfinished"></translation>
+        <translation>移除</translation>
     </message>
     <message>
         <source>Create a desktop shortcut</source>
-        <translation type="unfinished"></translation>
+        <translation>建立桌面捷徑</translation>
     </message>
     <message>
         <source>You are offline. Changes are kept on this computer and synced when the connection is back.</source>
-        <translation type="unfinished"></translation>
+        <translation>您目前處於離線狀態。變更會保留在這部電腦上，並在連線恢復後同步。</translation>
     </message>
     <message>
         <source>A new version of Quillon is available. Click here to update.</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon 有新版本可用。按一下這裡進行更新。</translation>
     </message>
     <message>
         <source>Downloading %1</source>
-        <translation type="unfinished"></translation>
+        <translation>正在下載 %1</translation>
     </message>
     <message>
         <source>%1 files were deleted from %2. Do you want to delete them on the other side too? Choose Restore if you did not delete them on purpose, and the files will be downloaded again.</source>
-        <translation type="unfinished"></translation>
+        <translation>已從 %2 刪除 %1 個檔案。要一併在另一端刪除這些檔案嗎？如果您並非刻意刪除，請選擇「還原」，檔案將會重新下載。</translation>
     </message>
     <message>
         <source>Enter the address manually</source>
-        <translation type="unfinished"></translation>
+        <translation>手動輸入位址</translation>
     </message>
     <message>
         <source>Download only</source>
-        <translation type="unfinished"></translation>
+        <translation>僅下載</translation>
     </message>
     <message>
         <source>A sharing link has been created and copied to the clipboard.</source>
-        <translation type="unfinished"></translation>
+        <translation>已建立共用連結並複製到剪貼簿。</translation>
     </message>
     <message>
         <source>The program has been installed. Click Finish to close the Setup Wizard.</source>
-        <translation type="unfinished"></translation>
+        <translation>本程式已安裝完成。按一下「完成」關閉安裝精靈。</translation>
     </message>
     <message>
         <source>Exclude from Sync</source>
-        <translation type="unfinished"></translation>
+        <translation>從同步中排除</translation>
     </message>
     <message>
         <source>No servers were found on your local network.</source>
-        <translation type="unfinished"></translation>
+        <translation>在區域網路上找不到伺服器。</translation>
     </message>
     <message>
         <source>%1 MB</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 MB</translation>
     </message>
     <message>
         <source>The Setup Wizard is repairing the program. This may take several minutes.</source>
-        <translation type="unfinished"></translation>
+        <translation>安裝精靈正在修復本程式，這可能需要幾分鐘的時間。</translation>
     </message>
     <message>
         <source>Print</source>
-        <translation type="unfinished"></translation>
+        <translation>列印</translation>
     </message>
     <message>
         <source>Less than %1 of free space is left on this computer. Syncing will pause when the disk is full.</source>
-        <translation type="unfinished"></translation>
+        <translation>這部電腦的可用空間剩不到 %1。磁碟空間用完時，同步將會暫停。</translation>
     </message>
     <message>
         <source>Details</source>
-        <translation type="unfinished"></translation>
+        <translation>詳細資料</translation>
     </message>
     <message>
         <source>Every week</source>
-        <translation type="unfinished"></translation>
+        <translation>每週</translation>
     </message>
     <message>
         <source>The connection to %1 was lost. Quillon keeps trying to reconnect.</source>
-        <translation type="unfinished"></translation>
+        <translation>與 %1 的連線已中斷。Quillon 會持續嘗試重新連線。</translation>
     </message>
     <message>
         <source>Welcome to the Quillon Installer</source>
-        <translation type="unfinished"></translation>
+        <translation>歡迎使用 Quillon 安裝程式</translation>
     </message>
     <message>
         <source>The changes made to [ProductName] take effect after your computer restarts. Click Yes to restart now or No to restart later.</source>
-        <translation type="unfinished"></translation>
+        <translation>對 [ProductName] 所做的變更將在電腦重新啟動後生效。按一下「是」立即重新啟動，或按一下「否」稍後再重新啟動。</translation>
     </message>
     <message>
         <source>Quick Start Guide</source>
-        <translation type="unfinished"></translation>
+        <translation>快速入門指南</translation>
     </message>
     <message>
         <source>Icons on your files show whether they are synced, are being synced or have a problem that needs your attention.</source>
-        <translation type="unfinished"></translation>
+        <translation>檔案上的圖示會顯示檔案是否已同步、正在同步，或是有需要您處理的問題。</translation>
     </message>
     <message>
         <source>Choose which server folders are kept on this computer with Selective Sync, and save space on a small disk.</source>
-        <translation type="unfinished"></translation>
+        <translation>使用選擇性同步選擇要在這部電腦上保留哪些伺服器資料夾，以節省小容量磁碟的空間。</translation>
     </message>
     <message>
         <source>Changes on either side are copied to the other side, including deletions.</source>
-        <translation type="unfinished"></translation>
+        <translation>任一端的變更（包括刪除）都會複製到另一端。</translation>
     </message>
     <message>
         <source>Copyright © 2024 Tessaril. All rights reserved.</source>
-        <translation type="unfinished"></translation>
+        <translation>著作權所有 © 2024 Tessaril。保留一切權利。</translation>
     </message>
     <message>
         <source>Account picture</source>
-        <translation type="unfinished"></translation>
+        <translation>帳號圖片</translation>
     </message>
     <message>
         <source>Loading...</source>
-        <translation type="unfinished"></translation>
+        <translation>正在載入...</translation>
     </message>
     <message>
         <source>Read only</source>
-        <translation type="unfinished"></translation>
+        <translation>唯讀</translation>
     </message>
 </context>
 </TS>
