@@ -7,2607 +7,2607 @@
     <name>global</name>
     <message>
         <source>Open Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>Ouvrir le dossier</translation>
     </message>
     <message>
         <source>This wizard installs [ProductName] on your computer. Click Next to continue or Cancel to exit the wizard.</source>
-        <translation type="unfinished"></translation>
+        <translation>Cet assistant installe [ProductName] sur votre ordinateur. Cliquez sur Suivant pour continuer ou sur Annuler pour quitter l&apos;assistant.</translation>
     </message>
     <message>
         <source>Folder on the server</source>
-        <translation type="unfinished"></translation>
+        <translation>Dossier sur le serveur</translation>
     </message>
     <message>
         <source>Automatic setup could not be completed because the settings provided by your administrator are incomplete or the server cannot be reached. Please set up the connection manually.</source>
-        <translation type="unfinished"></translation>
+        <translation>La configuration automatique n&apos;a pas pu être effectuée, car les paramètres fournis par votre administrateur sont incomplets ou le serveur est inaccessible. Veuillez configurer la connexion manuellement.</translation>
     </message>
     <message>
         <source>Files in %1 will be kept in sync with %2 on %3.</source>
-        <translation type="unfinished"></translation>
+        <translation>Les fichiers de %1 seront synchronisés avec %2 sur %3.</translation>
     </message>
     <message>
         <source>Expires on %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Expire le %1</translation>
     </message>
     <message>
         <source>System default</source>
-        <translation type="unfinished"></translation>
+        <translation>Valeur par défaut du système</translation>
     </message>
     <message>
         <source>Next</source>
-        <translation type="unfinished"></translation>
+        <translation>Suivant</translation>
     </message>
     <message>
         <source>Do you want to uninstall Quillon? Your synced files and the data on your server are not deleted.</source>
-        <translation type="unfinished"></translation>
+        <translation>Voulez-vous désinstaller Quillon ? Vos fichiers synchronisés et les données de votre serveur ne seront pas supprimés.</translation>
     </message>
     <message>
         <source>Plan name</source>
-        <translation type="unfinished"></translation>
+        <translation>Nom du plan</translation>
     </message>
     <message>
         <source>Quillon lives in the system tray. Click the icon to see what is being synced and to open your sync folder.</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon se trouve dans la zone de notification. Cliquez sur l&apos;icône pour voir ce qui est en cours de synchronisation et pour ouvrir votre dossier de synchronisation.</translation>
     </message>
     <message>
         <source>Clear all</source>
-        <translation type="unfinished"></translation>
+        <translation>Tout effacer</translation>
     </message>
     <message>
         <source>Schedule</source>
-        <translation type="unfinished"></translation>
+        <translation>Planification</translation>
     </message>
     <message>
         <source>%1 was updated.</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 a été mis à jour.</translation>
     </message>
     <message>
         <source>Exit</source>
-        <translation type="unfinished"></translation>
+        <translation>Quitter</translation>
     </message>
     <message>
         <source>The backup destination does not have enough free space. Free some space on the server or reduce the number of kept versions.</source>
-        <translation type="unfinished"></translation>
+        <translation>La destination de la sauvegarde ne dispose pas de suffisamment d&apos;espace libre. Libérez de l&apos;espace sur le serveur ou réduisez le nombre de versions conservées.</translation>
     </message>
     <message>
         <source>Changes on the server are copied to this computer. Local changes are not uploaded.</source>
-        <translation type="unfinished"></translation>
+        <translation>Les modifications effectuées sur le serveur sont copiées sur cet ordinateur. Les modifications locales ne sont pas envoyées.</translation>
     </message>
     <message>
         <source>Close</source>
-        <translation type="unfinished"></translation>
+        <translation>Fermer</translation>
     </message>
     <message>
         <source>Display language</source>
-        <translation type="unfinished"></translation>
+        <translation>Langue d&apos;affichage</translation>
     </message>
     <message>
         <source>Status:</source>
-        <translation type="unfinished"></translation>
+        <translation>État :</translation>
     </message>
     <message>
         <source>Copy folders from this computer to the server on a schedule and keep earlier versions of every file.</source>
-        <translation type="unfinished"></translation>
+        <translation>Copier des dossiers de cet ordinateur vers le serveur selon une planification et conserver les versions antérieures de chaque fichier.</translation>
     </message>
     <message>
         <source>Last synced: %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Dernière synchronisation : %1</translation>
     </message>
     <message>
         <source>Change Password...</source>
-        <translation type="unfinished"></translation>
+        <translation>Modifier le mot de passe...</translation>
     </message>
     <message>
         <source>The selected folder already contains files. They will be merged with the files on the server.</source>
-        <translation type="unfinished"></translation>
+        <translation>Le dossier sélectionné contient déjà des fichiers. Ils seront fusionnés avec les fichiers du serveur.</translation>
     </message>
     <message>
         <source>Up to date</source>
-        <translation type="unfinished"></translation>
+        <translation>À jour</translation>
     </message>
     <message>
         <source>Please enter your username.</source>
-        <translation type="unfinished"></translation>
+        <translation>Veuillez saisir votre nom d&apos;utilisateur.</translation>
     </message>
     <message>
         <source>Connected through the relay service</source>
-        <translation type="unfinished"></translation>
+        <translation>Connecté via le service de relais</translation>
     </message>
     <message>
         <source>Pause</source>
-        <translation type="unfinished"></translation>
+        <translation>Suspendre</translation>
     </message>
     <message>
         <source>Sunday</source>
-        <translation type="unfinished"></translation>
+        <translation>dimanche</translation>
     </message>
     <message>
         <source>Conflict</source>
-        <translation type="unfinished"></translation>
+        <translation>Conflit</translation>
     </message>
     <message>
         <source>Quillon – syncing %1 files</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon – synchronisation de %1 fichiers</translation>
     </message>
     <message>
         <source>The certificate of this server is not trusted. It may be self-signed or issued by an unknown authority.</source>
-        <translation type="unfinished"></translation>
+        <translation>Le certificat de ce serveur n&apos;est pas approuvé. Il est peut-être auto-signé ou émis par une autorité inconnue.</translation>
     </message>
     <message>
         <source>The path of this file is too long for the server. Move the file to a folder with a shorter path or give it a shorter name.</source>
-        <translation type="unfinished"></translation>
+        <translation>Le chemin de ce fichier est trop long pour le serveur. Déplacez le fichier dans un dossier dont le chemin est plus court ou donnez-lui un nom plus court.</translation>
     </message>
     <message>
         <source>Delete</source>
-        <translation type="unfinished"></translation>
+        <translation>Supprimer</translation>
     </message>
     <message>
         <source>Quillon has been set up by your administrator and is now syncing your files.</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon a été configuré par votre administrateur et synchronise maintenant vos fichiers.</translation>
     </message>
     <message>
         <source>Uploading %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Envoi de %1</translation>
     </message>
     <message>
         <source>Hide password</source>
-        <translation type="unfinished"></translation>
+        <translation>Masquer le mot de passe</translation>
     </message>
     <message>
         <source>Can view</source>
-        <translation type="unfinished"></translation>
+        <translation>Peut consulter</translation>
     </message>
     <message>
         <source>Setting up Quillon with the settings provided by your administrator. This takes only a moment.</source>
-        <translation type="unfinished"></translation>
+        <translation>Configuration de Quillon avec les paramètres fournis par votre administrateur. Cela ne prend qu&apos;un instant.</translation>
     </message>
     <message>
         <source>No proxy</source>
-        <translation type="unfinished"></translation>
+        <translation>Aucun proxy</translation>
     </message>
     <message>
         <source>Manual proxy configuration</source>
-        <translation type="unfinished"></translation>
+        <translation>Configuration manuelle du proxy</translation>
     </message>
     <message>
         <source>Changes on this computer are copied to the server. Changes on the server are not downloaded.</source>
-        <translation type="unfinished"></translation>
+        <translation>Les modifications effectuées sur cet ordinateur sont copiées sur le serveur. Les modifications effectuées sur le serveur ne sont pas téléchargées.</translation>
     </message>
     <message>
         <source>Please read the following license agreement carefully. You must accept the agreement to install the program.</source>
-        <translation type="unfinished"></translation>
+        <translation>Veuillez lire attentivement le contrat de licence suivant. Vous devez accepter ce contrat pour installer le programme.</translation>
     </message>
     <message>
         <source>Expand folder</source>
-        <translation type="unfinished"></translation>
+        <translation>Développer le dossier</translation>
     </message>
     <message>
         <source>Versions are kept for %1 days. Older versions are removed automatically by the server.</source>
-        <translation type="unfinished"></translation>
+        <translation>Les versions sont conservées pendant %1 jours. Les versions plus anciennes sont supprimées automatiquement par le serveur.</translation>
     </message>
     <message>
         <source>Deleted</source>
-        <translation type="unfinished"></translation>
+        <translation>Supprimé</translation>
     </message>
     <message>
         <source>Notifications</source>
-        <translation type="unfinished"></translation>
+        <translation>Notifications</translation>
     </message>
     <message>
         <source>Download</source>
-        <translation type="unfinished"></translation>
+        <translation>Télécharger</translation>
     </message>
     <message>
         <source>Sign In with Single Sign-On</source>
-        <translation type="unfinished"></translation>
+        <translation>Se connecter avec l&apos;authentification unique (SSO)</translation>
     </message>
     <message>
         <source>Open in Browser</source>
-        <translation type="unfinished"></translation>
+        <translation>Ouvrir dans le navigateur</translation>
     </message>
     <message>
         <source>%1 GB</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 Go</translation>
     </message>
     <message>
         <source>Sync file permissions and attributes</source>
-        <translation type="unfinished"></translation>
+        <translation>Synchroniser les autorisations et les attributs des fichiers</translation>
     </message>
     <message>
         <source>Quillon cannot write to the sync folder. Check the permissions of the folder and that the disk is not read-only.</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon ne peut pas écrire dans le dossier de synchronisation. Vérifiez les autorisations du dossier et assurez-vous que le disque n&apos;est pas en lecture seule.</translation>
     </message>
     <message>
         <source>Version %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Version %1</translation>
     </message>
     <message>
         <source>July</source>
-        <translation type="unfinished"></translation>
+        <translation>juillet</translation>
     </message>
     <message>
         <source>Show in Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>Afficher dans le dossier</translation>
     </message>
     <message>
         <source>No connection has been set up yet. Click Add Connection to connect Quillon to your server.</source>
-        <translation type="unfinished"></translation>
+        <translation>Aucune connexion n&apos;a encore été configurée. Cliquez sur Ajouter une connexion pour connecter Quillon à votre serveur.</translation>
     </message>
     <message>
         <source>Paused</source>
-        <translation type="unfinished"></translation>
+        <translation>Suspendu</translation>
     </message>
     <message>
         <source>Pause until I resume</source>
-        <translation type="unfinished"></translation>
+        <translation>Suspendre jusqu&apos;à la reprise manuelle</translation>
     </message>
     <message>
         <source>Unable to connect to the server. Please check the server address and your network connection, and make sure that a firewall does not block Quillon.</source>
-        <translation type="unfinished"></translation>
+        <translation>Impossible de se connecter au serveur. Vérifiez l&apos;adresse du serveur et votre connexion réseau, et assurez-vous qu&apos;aucun pare-feu ne bloque Quillon.</translation>
     </message>
     <message>
         <source>Internal link for users of this server. Only users who already have access can open it.</source>
-        <translation type="unfinished"></translation>
+        <translation>Lien interne pour les utilisateurs de ce serveur. Seuls les utilisateurs qui y ont déjà accès peuvent l&apos;ouvrir.</translation>
     </message>
     <message>
         <source>Choose a folder on this computer</source>
-        <translation type="unfinished"></translation>
+        <translation>Choisissez un dossier sur cet ordinateur</translation>
     </message>
     <message>
         <source>Sign Out</source>
-        <translation type="unfinished"></translation>
+        <translation>Se déconnecter</translation>
     </message>
     <message>
         <source>Files appear on this computer but take up no space until you open them. Files you open are downloaded and kept up to date.</source>
-        <translation type="unfinished"></translation>
+        <translation>Les fichiers apparaissent sur cet ordinateur mais n&apos;occupent aucun espace tant que vous ne les ouvrez pas. Les fichiers que vous ouvrez sont téléchargés et maintenus à jour.</translation>
     </message>
     <message>
         <source>Quillon main window</source>
-        <translation type="unfinished"></translation>
+        <translation>Fenêtre principale de Quillon</translation>
     </message>
     <message>
         <source>The server folder of this sync session no longer exists. It may have been renamed or deleted by another user.</source>
-        <translation type="unfinished"></translation>
+        <translation>Le dossier du serveur de cette session de synchronisation n&apos;existe plus. Il a peut-être été renommé ou supprimé par un autre utilisateur.</translation>
     </message>
     <message>
         <source>Show More</source>
-        <translation type="unfinished"></translation>
+        <translation>Afficher plus</translation>
     </message>
     <message>
         <source>Remember password</source>
-        <translation type="unfinished"></translation>
+        <translation>Mémoriser le mot de passe</translation>
     </message>
     <message>
         <source>Open With...</source>
-        <translation type="unfinished"></translation>
+        <translation>Ouvrir avec...</translation>
     </message>
     <message>
         <source>Thank you for your feedback. It helps us make Quillon better.</source>
-        <translation type="unfinished"></translation>
+        <translation>Merci pour vos commentaires. Ils nous aident à améliorer Quillon.</translation>
     </message>
     <message>
         <source>Copy</source>
-        <translation type="unfinished"></translation>
+        <translation>Copier</translation>
     </message>
     <message>
         <source>Verification code</source>
-        <translation type="unfinished"></translation>
+        <translation>Code de vérification</translation>
     </message>
     <message>
         <source>Yes</source>
-        <translation type="unfinished"></translation>
+        <translation>Oui</translation>
     </message>
     <message>
         <source>The connection is not encrypted. Anyone on the network can read the transferred data.</source>
-        <translation type="unfinished"></translation>
+        <translation>La connexion n&apos;est pas chiffrée. Toute personne présente sur le réseau peut lire les données transférées.</translation>
     </message>
     <message>
         <source>Scanning</source>
-        <translation type="unfinished"></translation>
+        <translation>Analyse en cours</translation>
     </message>
     <message>
         <source>Compare</source>
-        <translation type="unfinished"></translation>
+        <translation>Comparer</translation>
     </message>
     <message>
         <source>Account</source>
-        <translation type="unfinished"></translation>
+        <translation>Compte</translation>
     </message>
     <message>
         <source>Modified</source>
-        <translation type="unfinished"></translation>
+        <translation>Modifié</translation>
     </message>
     <message>
         <source>Cancel</source>
-        <translation type="unfinished"></translation>
+        <translation>Annuler</translation>
     </message>
     <message>
         <source>Proxy Settings</source>
-        <translation type="unfinished"></translation>
+        <translation>Paramètres du proxy</translation>
     </message>
     <message>
         <source>The file history could not be loaded. Check your connection to the server and try again.</source>
-        <translation type="unfinished"></translation>
+        <translation>Impossible de charger l&apos;historique du fichier. Vérifiez votre connexion au serveur et réessayez.</translation>
     </message>
     <message>
         <source>Size</source>
-        <translation type="unfinished"></translation>
+        <translation>Taille</translation>
     </message>
     <message>
         <source>Copying the new files</source>
-        <translation type="unfinished"></translation>
+        <translation>Copie des nouveaux fichiers</translation>
     </message>
     <message>
         <source>This file has no earlier versions.</source>
-        <translation type="unfinished"></translation>
+        <translation>Ce fichier n&apos;a aucune version antérieure.</translation>
     </message>
     <message>
         <source>Revision %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Révision %1</translation>
     </message>
     <message>
         <source>Trust this certificate</source>
-        <translation type="unfinished"></translation>
+        <translation>Faire confiance à ce certificat</translation>
     </message>
     <message>
         <source>Settings</source>
-        <translation type="unfinished"></translation>
+        <translation>Paramètres</translation>
     </message>
     <message>
         <source>Removes the program from your computer. Your synced files stay in place on this computer and on the server.</source>
-        <translation type="unfinished"></translation>
+        <translation>Supprime le programme de votre ordinateur. Vos fichiers synchronisés restent en place sur cet ordinateur et sur le serveur.</translation>
     </message>
     <message>
         <source>%1 KB</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 Ko</translation>
     </message>
     <message>
         <source>Quillon – offline</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon – hors ligne</translation>
     </message>
     <message>
         <source>Are you sure you want to cancel the installation? The program will not be installed.</source>
-        <translation type="unfinished"></translation>
+        <translation>Voulez-vous vraiment annuler l&apos;installation ? Le programme ne sera pas installé.</translation>
     </message>
     <message>
         <source>Name</source>
-        <translation type="unfinished"></translation>
+        <translation>Nom</translation>
     </message>
     <message>
         <source>The file has been restored.</source>
-        <translation type="unfinished"></translation>
+        <translation>Le fichier a été restauré.</translation>
     </message>
     <message>
         <source>Never synced</source>
-        <translation type="unfinished"></translation>
+        <translation>Jamais synchronisé</translation>
     </message>
     <message>
         <source>Select all</source>
-        <translation type="unfinished"></translation>
+        <translation>Tout sélectionner</translation>
     </message>
     <message>
         <source>Pause for 8 hours</source>
-        <translation type="unfinished"></translation>
+        <translation>Suspendre pendant 8 heures</translation>
     </message>
     <message>
         <source>Finish</source>
-        <translation type="unfinished"></translation>
+        <translation>Terminer</translation>
     </message>
     <message>
         <source>Remove Connection</source>
-        <translation type="unfinished"></translation>
+        <translation>Supprimer la connexion</translation>
     </message>
     <message>
         <source>Your storage quota on the server is used up. Delete files on the server or ask your administrator for more space to continue syncing.</source>
-        <translation type="unfinished"></translation>
+        <translation>Votre quota de stockage sur le serveur est épuisé. Supprimez des fichiers sur le serveur ou demandez davantage d&apos;espace à votre administrateur pour poursuivre la synchronisation.</translation>
     </message>
     <message>
         <source>Edit Session</source>
-        <translation type="unfinished"></translation>
+        <translation>Modifier la session</translation>
     </message>
     <message>
         <source>You need administrator rights to install this program for all users. Sign in as an administrator or install it for your account only.</source>
-        <translation type="unfinished"></translation>
+        <translation>Vous devez disposer des droits d&apos;administrateur pour installer ce programme pour tous les utilisateurs. Connectez-vous en tant qu&apos;administrateur ou installez-le uniquement pour votre compte.</translation>
     </message>
     <message>
         <source>Select a server</source>
-        <translation type="unfinished"></translation>
+        <translation>Sélectionnez un serveur</translation>
     </message>
     <message>
         <source>Tell us what went wrong or what you would like to see in Quillon. Attach the logs if you report a problem, so that we can find its cause more quickly.</source>
-        <translation type="unfinished"></translation>
+        <translation>Dites-nous ce qui n&apos;a pas fonctionné ou ce que vous aimeriez voir dans Quillon. Si vous signalez un problème, joignez les journaux afin que nous puissions en trouver la cause plus rapidement.</translation>
     </message>
     <message>
         <source>Syncing %1 of %2 files</source>
-        <translation type="unfinished"></translation>
+        <translation>Synchronisation de %1 fichiers sur %2</translation>
     </message>
     <message>
         <source>Back</source>
-        <translation type="unfinished"></translation>
+        <translation>Précédent</translation>
     </message>
     <message>
         <source>Sync complete</source>
-        <translation type="unfinished"></translation>
+        <translation>Synchronisation terminée</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Repairing [ProductName]</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}Réparation de [ProductName]</translation>
     </message>
     <message>
         <source>Add Session</source>
-        <translation type="unfinished"></translation>
+        <translation>Ajouter une session</translation>
     </message>
     <message>
         <source>Your password was changed on the server. Please sign in again with the new password to continue syncing.</source>
-        <translation type="unfinished"></translation>
+        <translation>Votre mot de passe a été modifié sur le serveur. Veuillez vous reconnecter avec le nouveau mot de passe pour poursuivre la synchronisation.</translation>
     </message>
     <message>
         <source>The logs could not be exported. Check that the destination folder is writable.</source>
-        <translation type="unfinished"></translation>
+        <translation>Impossible d&apos;exporter les journaux. Vérifiez que le dossier de destination est accessible en écriture.</translation>
     </message>
     <message>
         <source>Link password</source>
-        <translation type="unfinished"></translation>
+        <translation>Mot de passe du lien</translation>
     </message>
     <message>
         <source>Server path</source>
-        <translation type="unfinished"></translation>
+        <translation>Chemin sur le serveur</translation>
     </message>
     <message>
         <source>The backup task %1 failed. Open the backup plan to see which files could not be copied.</source>
-        <translation type="unfinished"></translation>
+        <translation>La tâche de sauvegarde %1 a échoué. Ouvrez le plan de sauvegarde pour voir quels fichiers n&apos;ont pas pu être copiés.</translation>
     </message>
     <message>
         <source>Sign In</source>
-        <translation type="unfinished"></translation>
+        <translation>Se connecter</translation>
     </message>
     <message>
         <source>You do not have permission to access this folder. Ask the owner of the folder or your administrator to grant you access.</source>
-        <translation type="unfinished"></translation>
+        <translation>Vous n&apos;avez pas l&apos;autorisation d&apos;accéder à ce dossier. Demandez au propriétaire du dossier ou à votre administrateur de vous accorder l&apos;accès.</translation>
     </message>
     <message>
         <source>Dismiss notification</source>
-        <translation type="unfinished"></translation>
+        <translation>Ignorer la notification</translation>
     </message>
     <message>
         <source>The marked volumes do not have enough free space for the program. Free some space on them or choose a destination folder on another volume.</source>
-        <translation type="unfinished"></translation>
+        <translation>Les volumes signalés ne disposent pas de suffisamment d&apos;espace libre pour le programme. Libérez de l&apos;espace sur ces volumes ou choisissez un dossier de destination sur un autre volume.</translation>
     </message>
     <message>
         <source>Choose a folder on the server</source>
-        <translation type="unfinished"></translation>
+        <translation>Choisissez un dossier sur le serveur</translation>
     </message>
     <message>
         <source>%1 is in use by another program and cannot be synced now. Quillon will try again when the file is closed.</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 est utilisé par un autre programme et ne peut pas être synchronisé pour le moment. Quillon réessaiera lorsque le fichier sera fermé.</translation>
     </message>
     <message>
         <source>Calculating size...</source>
-        <translation type="unfinished"></translation>
+        <translation>Calcul de la taille...</translation>
     </message>
     <message>
         <source>Full control</source>
-        <translation type="unfinished"></translation>
+        <translation>Contrôle total</translation>
     </message>
     <message>
         <source>Verifying your account...</source>
-        <translation type="unfinished"></translation>
+        <translation>Vérification de votre compte...</translation>
     </message>
     <message>
         <source>Connecting...</source>
-        <translation type="unfinished"></translation>
+        <translation>Connexion en cours...</translation>
     </message>
     <message>
         <source>Can edit</source>
-        <translation type="unfinished"></translation>
+        <translation>Peut modifier</translation>
     </message>
     <message>
         <source>View File History</source>
-        <translation type="unfinished"></translation>
+        <translation>Afficher l&apos;historique du fichier</translation>
     </message>
     <message>
         <source>Do you want to pause syncing for all sessions? Changes are synced again once you resume.</source>
-        <translation type="unfinished"></translation>
+        <translation>Voulez-vous suspendre la synchronisation de toutes les sessions ? Les modifications seront de nouveau synchronisées dès que vous la reprendrez.</translation>
     </message>
     <message>
         <source>Always Keep on This Computer</source>
-        <translation type="unfinished"></translation>
+        <translation>Toujours conserver sur cet ordinateur</translation>
     </message>
     <message>
         <source>No matching files found.</source>
-        <translation type="unfinished"></translation>
+        <translation>Aucun fichier correspondant trouvé.</translation>
     </message>
     <message>
         <source>Keep files on the server when they are deleted on this computer</source>
-        <translation type="unfinished"></translation>
+        <translation>Conserver les fichiers sur le serveur lorsqu&apos;ils sont supprimés sur cet ordinateur</translation>
     </message>
     <message>
         <source>Loading folder list...</source>
-        <translation type="unfinished"></translation>
+        <translation>Chargement de la liste des dossiers...</translation>
     </message>
     <message>
         <source>Your sign-in has expired. Please sign in again to continue syncing.</source>
-        <translation type="unfinished"></translation>
+        <translation>Votre authentification a expiré. Veuillez vous reconnecter pour poursuivre la synchronisation.</translation>
     </message>
     <message>
         <source>Port</source>
-        <translation type="unfinished"></translation>
+        <translation>Port</translation>
     </message>
     <message>
         <source>Repair</source>
-        <translation type="unfinished"></translation>
+        <translation>Réparer</translation>
     </message>
     <message>
         <source>File extension</source>
-        <translation type="unfinished"></translation>
+        <translation>Extension de fichier</translation>
     </message>
     <message>
         <source>Show Quillon</source>
-        <translation type="unfinished"></translation>
+        <translation>Afficher Quillon</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Ready to Install</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}Prêt à installer</translation>
     </message>
     <message>
         <source>Skipped</source>
-        <translation type="unfinished"></translation>
+        <translation>Ignoré</translation>
     </message>
     <message>
         <source>January</source>
-        <translation type="unfinished"></translation>
+        <translation>janvier</translation>
     </message>
     <message>
         <source>Add Connection</source>
-        <translation type="unfinished"></translation>
+        <translation>Ajouter une connexion</translation>
     </message>
     <message>
         <source>Created</source>
-        <translation type="unfinished"></translation>
+        <translation>Créé</translation>
     </message>
     <message>
         <source>Last backup: %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Dernière sauvegarde : %1</translation>
     </message>
     <message>
         <source>An unknown error occurred. If this happens again, export the logs and contact support.</source>
-        <translation type="unfinished"></translation>
+        <translation>Une erreur inconnue s&apos;est produite. Si le problème se reproduit, exportez les journaux et contactez l&apos;assistance.</translation>
     </message>
     <message>
         <source>Minimize</source>
-        <translation type="unfinished"></translation>
+        <translation>Réduire</translation>
     </message>
     <message>
         <source>Quillon – paused</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon – suspendu</translation>
     </message>
     <message>
         <source>Join the beta program</source>
-        <translation type="unfinished"></translation>
+        <translation>Participer au programme bêta</translation>
     </message>
     <message>
         <source>Sync direction</source>
-        <translation type="unfinished"></translation>
+        <translation>Sens de synchronisation</translation>
     </message>
     <message>
         <source>The first sync can take a while, depending on the number and size of your files. You can keep working in the meantime.</source>
-        <translation type="unfinished"></translation>
+        <translation>La première synchronisation peut prendre un certain temps, selon le nombre et la taille de vos fichiers. Vous pouvez continuer à travailler pendant ce temps.</translation>
     </message>
     <message>
         <source>%1/s</source>
-        <translation type="unfinished"></translation>
+        <translation>%1/s</translation>
     </message>
     <message>
         <source>Quillon Updater</source>
-        <translation type="unfinished"></translation>
+        <translation>Programme de mise à jour de Quillon</translation>
     </message>
     <message>
         <source>No access</source>
-        <translation type="unfinished"></translation>
+        <translation>Aucun accès</translation>
     </message>
     <message>
         <source>Save</source>
-        <translation type="unfinished"></translation>
+        <translation>Enregistrer</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Removing [ProductName]</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}Suppression de [ProductName]</translation>
     </message>
     <message>
         <source>Skip tour</source>
-        <translation type="unfinished"></translation>
+        <translation>Passer la visite</translation>
     </message>
     <message>
         <source>The folder holds more than %1 items, which is the limit of a sync session. Use Selective Sync to sync fewer folders.</source>
-        <translation type="unfinished"></translation>
+        <translation>Le dossier contient plus de %1 éléments, soit la limite d&apos;une session de synchronisation. Utilisez la synchronisation sélective pour synchroniser moins de dossiers.</translation>
     </message>
     <message>
         <source>Folders you clear will be removed from this computer. Their copies on the server are kept and can be selected again at any time.</source>
-        <translation type="unfinished"></translation>
+        <translation>Les dossiers que vous désélectionnez seront supprimés de cet ordinateur. Leurs copies sur le serveur sont conservées et peuvent être resélectionnées à tout moment.</translation>
     </message>
     <message>
         <source>Next backup: %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Prochaine sauvegarde : %1</translation>
     </message>
     <message>
         <source>Preview only</source>
-        <translation type="unfinished"></translation>
+        <translation>Aperçu uniquement</translation>
     </message>
     <message>
         <source>A secure connection to the server could not be established. The server may not support the required encryption.</source>
-        <translation type="unfinished"></translation>
+        <translation>Impossible d&apos;établir une connexion sécurisée avec le serveur. Le serveur ne prend peut-être pas en charge le chiffrement requis.</translation>
     </message>
     <message>
         <source>Limit how fast Quillon uploads and downloads so that other programs keep enough bandwidth. The limits apply to all sync sessions together.</source>
-        <translation type="unfinished"></translation>
+        <translation>Limitez la vitesse d&apos;envoi et de téléchargement de Quillon afin que les autres programmes disposent de suffisamment de bande passante. Les limites s&apos;appliquent à l&apos;ensemble des sessions de synchronisation.</translation>
     </message>
     <message>
         <source>Syncing...</source>
-        <translation type="unfinished"></translation>
+        <translation>Synchronisation en cours...</translation>
     </message>
     <message>
         <source>Offline</source>
-        <translation type="unfinished"></translation>
+        <translation>Hors ligne</translation>
     </message>
     <message>
         <source>The sync folder is on a removable drive that is not connected. Syncing resumes when the drive is connected again.</source>
-        <translation type="unfinished"></translation>
+        <translation>Le dossier de synchronisation se trouve sur un lecteur amovible qui n&apos;est pas connecté. La synchronisation reprendra lorsque le lecteur sera reconnecté.</translation>
     </message>
     <message>
         <source>Send Feedback</source>
-        <translation type="unfinished"></translation>
+        <translation>Envoyer des commentaires</translation>
     </message>
     <message>
         <source>Two-way sync</source>
-        <translation type="unfinished"></translation>
+        <translation>Synchronisation bidirectionnelle</translation>
     </message>
     <message>
         <source>Total size of the selected folders: %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Taille totale des dossiers sélectionnés : %1</translation>
     </message>
     <message>
         <source>Apply</source>
-        <translation type="unfinished"></translation>
+        <translation>Appliquer</translation>
     </message>
     <message>
         <source>Please enter the server address.</source>
-        <translation type="unfinished"></translation>
+        <translation>Veuillez saisir l&apos;adresse du serveur.</translation>
     </message>
     <message>
         <source>Two-Step Verification</source>
-        <translation type="unfinished"></translation>
+        <translation>Vérification en deux étapes</translation>
     </message>
     <message>
         <source>Your files are up to date.</source>
-        <translation type="unfinished"></translation>
+        <translation>Vos fichiers sont à jour.</translation>
     </message>
     <message>
         <source>Open Web Portal</source>
-        <translation type="unfinished"></translation>
+        <translation>Ouvrir le portail web</translation>
     </message>
     <message>
         <source>Signed in as %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Connecté en tant que %1</translation>
     </message>
     <message>
         <source>Destination</source>
-        <translation type="unfinished"></translation>
+        <translation>Destination</translation>
     </message>
     <message>
         <source>On these days</source>
-        <translation type="unfinished"></translation>
+        <translation>Les jours suivants</translation>
     </message>
     <message>
         <source>Create a new folder</source>
-        <translation type="unfinished"></translation>
+        <translation>Créer un nouveau dossier</translation>
     </message>
     <message>
         <source>System folders, such as the root folder or the folder of a program, cannot be used as sync folders.</source>
-        <translation type="unfinished"></translation>
+        <translation>Les dossiers système, tels que le dossier racine ou le dossier d&apos;un programme, ne peuvent pas être utilisés comme dossiers de synchronisation.</translation>
     </message>
     <message>
         <source>What&apos;s New</source>
-        <translation type="unfinished"></translation>
+        <translation>Nouveautés</translation>
     </message>
     <message>
         <source>Run Quillon</source>
-        <translation type="unfinished"></translation>
+        <translation>Lancer Quillon</translation>
     </message>
     <message>
         <source>Create Link</source>
-        <translation type="unfinished"></translation>
+        <translation>Créer un lien</translation>
     </message>
     <message>
         <source>Start the client when I sign in to Windows</source>
-        <translation type="unfinished"></translation>
+        <translation>Démarrer le client lorsque je me connecte à Windows</translation>
     </message>
     <message>
         <source>List of files</source>
-        <translation type="unfinished"></translation>
+        <translation>Liste des fichiers</translation>
     </message>
     <message>
         <source>Do you want to stop the setup? Nothing will be synced until a sync session is set up. You can run the setup again from the tray menu.</source>
-        <translation type="unfinished"></translation>
+        <translation>Voulez-vous arrêter la configuration ? Rien ne sera synchronisé tant qu&apos;aucune session de synchronisation n&apos;aura été configurée. Vous pourrez relancer la configuration depuis le menu de la zone de notification.</translation>
     </message>
     <message>
         <source>Folder tree</source>
-        <translation type="unfinished"></translation>
+        <translation>Arborescence des dossiers</translation>
     </message>
     <message>
         <source>Limit upload speed</source>
-        <translation type="unfinished"></translation>
+        <translation>Limiter la vitesse d&apos;envoi</translation>
     </message>
     <message>
         <source>The file could not be opened.</source>
-        <translation type="unfinished"></translation>
+        <translation>Impossible d&apos;ouvrir le fichier.</translation>
     </message>
     <message>
         <source>File Filter...</source>
-        <translation type="unfinished"></translation>
+        <translation>Filtre de fichiers...</translation>
     </message>
     <message>
         <source>Disconnected</source>
-        <translation type="unfinished"></translation>
+        <translation>Déconnecté</translation>
     </message>
     <message>
         <source>Install</source>
-        <translation type="unfinished"></translation>
+        <translation>Installer</translation>
     </message>
     <message>
         <source>I accept the terms of the license agreement</source>
-        <translation type="unfinished"></translation>
+        <translation>J&apos;accepte les termes du contrat de licence</translation>
     </message>
     <message>
         <source>%1 shared %2 with you. It is available in your sync folder.</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 a partagé %2 avec vous. L&apos;élément est disponible dans votre dossier de synchronisation.</translation>
     </message>
     <message>
         <source>Include the sync database</source>
-        <translation type="unfinished"></translation>
+        <translation>Inclure la base de données de synchronisation</translation>
     </message>
     <message>
         <source>Step %1 of %2</source>
-        <translation type="unfinished"></translation>
+        <translation>Étape %1 sur %2</translation>
     </message>
     <message>
         <source>Files are shown as placeholders and downloaded when you open them. Placeholders take up almost no space on this computer. Right-click a file to keep it available offline.</source>
-        <translation type="unfinished"></translation>
+        <translation>Les fichiers sont affichés sous forme d&apos;espaces réservés et téléchargés lorsque vous les ouvrez. Les espaces réservés n&apos;occupent presque aucun espace sur cet ordinateur. Cliquez avec le bouton droit sur un fichier pour le garder disponible hors ligne.</translation>
     </message>
     <message>
         <source>Address</source>
-        <translation type="unfinished"></translation>
+        <translation>Adresse</translation>
     </message>
     <message>
         <source>Create a shortcut on the desktop</source>
-        <translation type="unfinished"></translation>
+        <translation>Créer un raccourci sur le bureau</translation>
     </message>
     <message>
         <source>Reconnecting...</source>
-        <translation type="unfinished"></translation>
+        <translation>Reconnexion...</translation>
     </message>
     <message>
         <source>The verification code is incorrect or has expired. Check that the clock of your phone is set correctly and try again.</source>
-        <translation type="unfinished"></translation>
+        <translation>Le code de vérification est incorrect ou a expiré. Vérifiez que l&apos;horloge de votre téléphone est correctement réglée et réessayez.</translation>
     </message>
     <message>
         <source>Sync sessions tab</source>
-        <translation type="unfinished"></translation>
+        <translation>Onglet Sessions de synchronisation</translation>
     </message>
     <message>
         <source>Keep the server version</source>
-        <translation type="unfinished"></translation>
+        <translation>Conserver la version du serveur</translation>
     </message>
     <message>
         <source>Quillon Setup Is Complete</source>
-        <translation type="unfinished"></translation>
+        <translation>L&apos;installation de Quillon est terminée</translation>
     </message>
     <message>
         <source>When a file changes on both sides at the same time, Quillon keeps both versions so that no work is lost.</source>
-        <translation type="unfinished"></translation>
+        <translation>Lorsqu&apos;un fichier est modifié des deux côtés en même temps, Quillon conserve les deux versions afin qu&apos;aucun travail ne soit perdu.</translation>
     </message>
     <message>
         <source>Open local folder</source>
-        <translation type="unfinished"></translation>
+        <translation>Ouvrir le dossier local</translation>
     </message>
     <message>
         <source>Deleted Files</source>
-        <translation type="unfinished"></translation>
+        <translation>Fichiers supprimés</translation>
     </message>
     <message>
         <source>The Setup Wizard is removing the program. Your synced files are not touched.</source>
-        <translation type="unfinished"></translation>
+        <translation>L&apos;assistant d&apos;installation supprime le programme. Vos fichiers synchronisés ne sont pas modifiés.</translation>
     </message>
     <message>
         <source>Open Server Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>Ouvrir le dossier du serveur</translation>
     </message>
     <message>
         <source>The link has been copied to the clipboard. Paste it into an email or a chat message to share it.</source>
-        <translation type="unfinished"></translation>
+        <translation>Le lien a été copié dans le presse-papiers. Collez-le dans un e-mail ou un message instantané pour le partager.</translation>
     </message>
     <message>
         <source>You are running the latest version of Quillon.</source>
-        <translation type="unfinished"></translation>
+        <translation>Vous utilisez la dernière version de Quillon.</translation>
     </message>
     <message>
         <source>Create Backup Plan</source>
-        <translation type="unfinished"></translation>
+        <translation>Créer un plan de sauvegarde</translation>
     </message>
     <message>
         <source>Advanced Settings</source>
-        <translation type="unfinished"></translation>
+        <translation>Paramètres avancés</translation>
     </message>
     <message>
         <source>This version is no longer available on the server. It may have been removed by the version retention policy.</source>
-        <translation type="unfinished"></translation>
+        <translation>Cette version n&apos;est plus disponible sur le serveur. Elle a peut-être été supprimée par la règle de conservation des versions.</translation>
     </message>
     <message>
         <source>Folder on this computer</source>
-        <translation type="unfinished"></translation>
+        <translation>Dossier sur cet ordinateur</translation>
     </message>
     <message>
         <source>Server address</source>
-        <translation type="unfinished"></translation>
+        <translation>Adresse du serveur</translation>
     </message>
     <message>
         <source>Restoring...</source>
-        <translation type="unfinished"></translation>
+        <translation>Restauration...</translation>
     </message>
     <message>
         <source>Right-click a file or folder and choose Share to send a link to anyone, even to people without an account.</source>
-        <translation type="unfinished"></translation>
+        <translation>Cliquez avec le bouton droit sur un fichier ou un dossier et choisissez Partager pour envoyer un lien à n&apos;importe qui, même aux personnes qui n&apos;ont pas de compte.</translation>
     </message>
     <message>
         <source>Create Sync Session</source>
-        <translation type="unfinished"></translation>
+        <translation>Créer une session de synchronisation</translation>
     </message>
     <message>
         <source>The file is larger than the maximum file size allowed by the server and will not be uploaded.</source>
-        <translation type="unfinished"></translation>
+        <translation>Le fichier dépasse la taille maximale autorisée par le serveur et ne sera pas envoyé.</translation>
     </message>
     <message>
         <source>Friday</source>
-        <translation type="unfinished"></translation>
+        <translation>vendredi</translation>
     </message>
     <message>
         <source>Recent Activity</source>
-        <translation type="unfinished"></translation>
+        <translation>Activité récente</translation>
     </message>
     <message>
         <source>Back Up Now</source>
-        <translation type="unfinished"></translation>
+        <translation>Sauvegarder maintenant</translation>
     </message>
     <message>
         <source>The file filter has changed. Files that no longer match will be removed from this computer but stay on the server.</source>
-        <translation type="unfinished"></translation>
+        <translation>Le filtre de fichiers a été modifié. Les fichiers qui n&apos;y correspondent plus seront supprimés de cet ordinateur, mais resteront sur le serveur.</translation>
     </message>
     <message>
         <source>Later</source>
-        <translation type="unfinished"></translation>
+        <translation>Plus tard</translation>
     </message>
     <message>
         <source>%1 could not be renamed to %2. An item with that name may already exist.</source>
-        <translation type="unfinished"></translation>
+        <translation>Impossible de renommer %1 en %2. Un élément portant ce nom existe peut-être déjà.</translation>
     </message>
     <message>
         <source>Show desktop notifications</source>
-        <translation type="unfinished"></translation>
+        <translation>Afficher les notifications sur le bureau</translation>
     </message>
     <message>
         <source>Warning</source>
-        <translation type="unfinished"></translation>
+        <translation>Avertissement</translation>
     </message>
     <message>
         <source>Files that match these rules are neither uploaded nor downloaded. Files on the server that match a rule are left untouched.</source>
-        <translation type="unfinished"></translation>
+        <translation>Les fichiers qui correspondent à ces règles ne sont ni envoyés ni téléchargés. Les fichiers du serveur qui correspondent à une règle ne sont pas modifiés.</translation>
     </message>
     <message>
         <source>Version</source>
-        <translation type="unfinished"></translation>
+        <translation>Version</translation>
     </message>
     <message>
         <source>Please enter a valid email address.</source>
-        <translation type="unfinished"></translation>
+        <translation>Veuillez saisir une adresse e-mail valide.</translation>
     </message>
     <message>
         <source>%1 was deleted on the server and has been moved to the recycle bin of this computer.</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 a été supprimé sur le serveur et déplacé dans la corbeille de cet ordinateur.</translation>
     </message>
     <message>
         <source>The relay service could not reach your server. Make sure the server is online and the relay service is enabled on it.</source>
-        <translation type="unfinished"></translation>
+        <translation>Le service de relais n&apos;a pas pu joindre votre serveur. Assurez-vous que le serveur est en ligne et que le service de relais y est activé.</translation>
     </message>
     <message>
         <source>General</source>
-        <translation type="unfinished"></translation>
+        <translation>Général</translation>
     </message>
     <message>
         <source>Keep a folder on this computer in sync with a folder on the server. Changes on either side are copied to the other.</source>
-        <translation type="unfinished"></translation>
+        <translation>Garder un dossier de cet ordinateur synchronisé avec un dossier du serveur. Les modifications effectuées d&apos;un côté sont copiées de l&apos;autre.</translation>
     </message>
     <message>
         <source>Syncing resumes automatically in %1 minutes.</source>
-        <translation type="unfinished"></translation>
+        <translation>La synchronisation reprendra automatiquement dans %1 minutes.</translation>
     </message>
     <message>
         <source>Clear search</source>
-        <translation type="unfinished"></translation>
+        <translation>Effacer la recherche</translation>
     </message>
     <message>
         <source>Forgot your password?</source>
-        <translation type="unfinished"></translation>
+        <translation>Mot de passe oublié ?</translation>
     </message>
     <message>
         <source>Help</source>
-        <translation type="unfinished"></translation>
+        <translation>Aide</translation>
     </message>
     <message>
         <source>Browse...</source>
-        <translation type="unfinished"></translation>
+        <translation>Parcourir...</translation>
     </message>
     <message>
         <source>Add Rule</source>
-        <translation type="unfinished"></translation>
+        <translation>Ajouter une règle</translation>
     </message>
     <message>
         <source>Selective Sync</source>
-        <translation type="unfinished"></translation>
+        <translation>Synchronisation sélective</translation>
     </message>
     <message>
         <source>%1 items</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 éléments</translation>
     </message>
     <message>
         <source>The certificate of this server could not be verified. Someone may be impersonating the server to read your files or your password. Continue only if you trust this network and the server.</source>
-        <translation type="unfinished"></translation>
+        <translation>Le certificat de ce serveur n&apos;a pas pu être vérifié. Quelqu&apos;un se fait peut-être passer pour le serveur afin de lire vos fichiers ou votre mot de passe. Ne continuez que si vous faites confiance à ce réseau et à ce serveur.</translation>
     </message>
     <message>
         <source>About Quillon</source>
-        <translation type="unfinished"></translation>
+        <translation>À propos de Quillon</translation>
     </message>
     <message>
         <source>Every day</source>
-        <translation type="unfinished"></translation>
+        <translation>Tous les jours</translation>
     </message>
     <message>
         <source>Look in:</source>
-        <translation type="unfinished"></translation>
+        <translation>Rechercher dans :</translation>
     </message>
     <message>
         <source>Volume</source>
-        <translation type="unfinished"></translation>
+        <translation>Volume</translation>
     </message>
     <message>
         <source>Sync This Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>Synchroniser ce dossier</translation>
     </message>
     <message>
         <source>Syncing</source>
-        <translation type="unfinished"></translation>
+        <translation>Synchronisation en cours</translation>
     </message>
     <message>
         <source>Download progress</source>
-        <translation type="unfinished"></translation>
+        <translation>Progression du téléchargement</translation>
     </message>
     <message>
         <source>Upload only</source>
-        <translation type="unfinished"></translation>
+        <translation>Envoi uniquement</translation>
     </message>
     <message>
         <source>Attach the log files to help us find the cause of the problem</source>
-        <translation type="unfinished"></translation>
+        <translation>Joindre les fichiers journaux pour nous aider à trouver la cause du problème</translation>
     </message>
     <message>
         <source>Copy Link</source>
-        <translation type="unfinished"></translation>
+        <translation>Copier le lien</translation>
     </message>
     <message>
         <source>Use an encrypted connection (HTTPS)</source>
-        <translation type="unfinished"></translation>
+        <translation>Utiliser une connexion chiffrée (HTTPS)</translation>
     </message>
     <message>
         <source>Launch [ProductName]</source>
-        <translation type="unfinished"></translation>
+        <translation>Lancer [ProductName]</translation>
     </message>
     <message>
         <source>The local folder of this sync session no longer exists. Restore the folder or choose a new one in the session settings.</source>
-        <translation type="unfinished"></translation>
+        <translation>Le dossier local de cette session de synchronisation n&apos;existe plus. Restaurez le dossier ou choisissez-en un nouveau dans les paramètres de la session.</translation>
     </message>
     <message>
         <source>General tab</source>
-        <translation type="unfinished"></translation>
+        <translation>Onglet Général</translation>
     </message>
     <message>
         <source>Install updates automatically</source>
-        <translation type="unfinished"></translation>
+        <translation>Installer les mises à jour automatiquement</translation>
     </message>
     <message>
         <source>File History</source>
-        <translation type="unfinished"></translation>
+        <translation>Historique du fichier</translation>
     </message>
     <message>
         <source>Trust this computer</source>
-        <translation type="unfinished"></translation>
+        <translation>Faire confiance à cet ordinateur</translation>
     </message>
     <message>
         <source>Thursday</source>
-        <translation type="unfinished"></translation>
+        <translation>jeudi</translation>
     </message>
     <message>
         <source>Folder name:</source>
-        <translation type="unfinished"></translation>
+        <translation>Nom du dossier :</translation>
     </message>
     <message>
         <source>%1 of %2</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 sur %2</translation>
     </message>
     <message>
         <source>Quillon %1 is available.</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon %1 est disponible.</translation>
     </message>
     <message>
         <source>%1 bytes</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 octets</translation>
     </message>
     <message>
         <source>Check for updates automatically</source>
-        <translation type="unfinished"></translation>
+        <translation>Rechercher automatiquement les mises à jour</translation>
     </message>
     <message>
         <source>Loading versions...</source>
-        <translation type="unfinished"></translation>
+        <translation>Chargement des versions...</translation>
     </message>
     <message>
         <source>The maximum number of sync sessions for this connection has been reached. Remove a session before you create a new one.</source>
-        <translation type="unfinished"></translation>
+        <translation>Le nombre maximal de sessions de synchronisation pour cette connexion a été atteint. Supprimez une session avant d&apos;en créer une nouvelle.</translation>
     </message>
     <message>
         <source>Quillon will be installed in the folder below. To choose another folder, click Browse. Click Install to start the installation.</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon sera installé dans le dossier ci-dessous. Pour choisir un autre dossier, cliquez sur Parcourir. Cliquez sur Installer pour démarrer l&apos;installation.</translation>
     </message>
     <message>
         <source>From %1 to %2</source>
-        <translation type="unfinished"></translation>
+        <translation>De %1 à %2</translation>
     </message>
     <message>
         <source>Stopping the running client so that its files can be replaced</source>
-        <translation type="unfinished"></translation>
+        <translation>Arrêt du client en cours d&apos;exécution afin que ses fichiers puissent être remplacés</translation>
     </message>
     <message>
         <source>Open File</source>
-        <translation type="unfinished"></translation>
+        <translation>Ouvrir le fichier</translation>
     </message>
     <message>
         <source>This sharing link has expired and can no longer be opened.</source>
-        <translation type="unfinished"></translation>
+        <translation>Ce lien de partage a expiré et ne peut plus être ouvert.</translation>
     </message>
     <message>
         <source>Software Update</source>
-        <translation type="unfinished"></translation>
+        <translation>Mise à jour du logiciel</translation>
     </message>
     <message>
         <source>Click Repair to restore missing or damaged files and shortcuts. Your settings and sync sessions are not changed. Click Cancel to exit the wizard.</source>
-        <translation type="unfinished"></translation>
+        <translation>Cliquez sur Réparer pour restaurer les fichiers et raccourcis manquants ou endommagés. Vos paramètres et vos sessions de synchronisation ne sont pas modifiés. Cliquez sur Annuler pour quitter l&apos;assistant.</translation>
     </message>
     <message>
         <source>No</source>
-        <translation type="unfinished"></translation>
+        <translation>Non</translation>
     </message>
     <message>
         <source>Signing in...</source>
-        <translation type="unfinished"></translation>
+        <translation>Authentification en cours...</translation>
     </message>
     <message>
         <source>Share Link</source>
-        <translation type="unfinished"></translation>
+        <translation>Lien de partage</translation>
     </message>
     <message>
         <source>The update could not be downloaded. Check your network connection and try again.</source>
-        <translation type="unfinished"></translation>
+        <translation>Impossible de télécharger la mise à jour. Vérifiez votre connexion réseau et réessayez.</translation>
     </message>
     <message>
         <source>About tab</source>
-        <translation type="unfinished"></translation>
+        <translation>Onglet À propos</translation>
     </message>
     <message>
         <source>Another copy of Quillon is already running for this user.</source>
-        <translation type="unfinished"></translation>
+        <translation>Une autre instance de Quillon est déjà en cours d&apos;exécution pour cet utilisateur.</translation>
     </message>
     <message>
         <source>Move Sync Folder...</source>
-        <translation type="unfinished"></translation>
+        <translation>Déplacer le dossier de synchronisation...</translation>
     </message>
     <message>
         <source>Username</source>
-        <translation type="unfinished"></translation>
+        <translation>Nom d&apos;utilisateur</translation>
     </message>
     <message>
         <source>The sharing link could not be created. Check your connection to the server and try again.</source>
-        <translation type="unfinished"></translation>
+        <translation>Impossible de créer le lien de partage. Vérifiez votre connexion au serveur et réessayez.</translation>
     </message>
     <message>
         <source>Sync Now</source>
-        <translation type="unfinished"></translation>
+        <translation>Synchroniser maintenant</translation>
     </message>
     <message>
         <source>Quillon is running. Exit Quillon from its tray menu and click Retry, or click Cancel to stop setup.</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon est en cours d&apos;exécution. Quittez Quillon depuis son menu dans la zone de notification et cliquez sur Réessayer, ou cliquez sur Annuler pour arrêter l&apos;installation.</translation>
     </message>
     <message>
         <source>The local copy was renamed to %1 so that both versions are kept.</source>
-        <translation type="unfinished"></translation>
+        <translation>La copie locale a été renommée en %1 afin que les deux versions soient conservées.</translation>
     </message>
     <message>
         <source>Read and write</source>
-        <translation type="unfinished"></translation>
+        <translation>Lecture et écriture</translation>
     </message>
     <message>
         <source>Indexing %1 of %2 files</source>
-        <translation type="unfinished"></translation>
+        <translation>Indexation de %1 fichiers sur %2</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Files in Use</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}Fichiers en cours d&apos;utilisation</translation>
     </message>
     <message>
         <source>The Setup Wizard is installing the program. This may take several minutes.</source>
-        <translation type="unfinished"></translation>
+        <translation>L&apos;assistant d&apos;installation installe le programme. Cette opération peut prendre plusieurs minutes.</translation>
     </message>
     <message>
         <source>This folder is empty.</source>
-        <translation type="unfinished"></translation>
+        <translation>Ce dossier est vide.</translation>
     </message>
     <message>
         <source>Click Remove to uninstall the program from your computer. The files in your sync folders are not deleted and stay on your server. Click Cancel to exit the wizard.</source>
-        <translation type="unfinished"></translation>
+        <translation>Cliquez sur Supprimer pour désinstaller le programme de votre ordinateur. Les fichiers de vos dossiers de synchronisation ne sont pas supprimés et restent sur votre serveur. Cliquez sur Annuler pour quitter l&apos;assistant.</translation>
     </message>
     <message>
         <source>Welcome to Quillon</source>
-        <translation type="unfinished"></translation>
+        <translation>Bienvenue dans Quillon</translation>
     </message>
     <message>
         <source>The password must be at least %1 characters long.</source>
-        <translation type="unfinished"></translation>
+        <translation>Le mot de passe doit comporter au moins %1 caractères.</translation>
     </message>
     <message>
         <source>Backup task %1 completed.</source>
-        <translation type="unfinished"></translation>
+        <translation>Tâche de sauvegarde %1 terminée.</translation>
     </message>
     <message>
         <source>Pause for 1 hour</source>
-        <translation type="unfinished"></translation>
+        <translation>Suspendre pendant 1 heure</translation>
     </message>
     <message>
         <source>The installation needs more disk space than is available.</source>
-        <translation type="unfinished"></translation>
+        <translation>L&apos;installation nécessite plus d&apos;espace disque que l&apos;espace disponible.</translation>
     </message>
     <message>
         <source>Click Next to install to the folder shown, or click Change to choose another folder.</source>
-        <translation type="unfinished"></translation>
+        <translation>Cliquez sur Suivant pour installer le programme dans le dossier indiqué, ou sur Modifier pour choisir un autre dossier.</translation>
     </message>
     <message>
         <source>Certificate Warning</source>
-        <translation type="unfinished"></translation>
+        <translation>Avertissement de certificat</translation>
     </message>
     <message>
         <source>Expiry date</source>
-        <translation type="unfinished"></translation>
+        <translation>Date d&apos;expiration</translation>
     </message>
     <message>
         <source>August</source>
-        <translation type="unfinished"></translation>
+        <translation>août</translation>
     </message>
     <message>
         <source>Start automatically when I sign in</source>
-        <translation type="unfinished"></translation>
+        <translation>Démarrer automatiquement lorsque je me connecte</translation>
     </message>
     <message>
         <source>Export Logs...</source>
-        <translation type="unfinished"></translation>
+        <translation>Exporter les journaux...</translation>
     </message>
     <message>
         <source>Syncing is paused until %1. Changes made in the meantime are synced afterwards.</source>
-        <translation type="unfinished"></translation>
+        <translation>La synchronisation est suspendue jusqu&apos;à %1. Les modifications effectuées entre-temps seront synchronisées ensuite.</translation>
     </message>
     <message>
         <source>December</source>
-        <translation type="unfinished"></translation>
+        <translation>décembre</translation>
     </message>
     <message>
         <source>The certificate of the server has changed since your last connection. Continue only if your administrator has replaced the certificate.</source>
-        <translation type="unfinished"></translation>
+        <translation>Le certificat du serveur a changé depuis votre dernière connexion. Ne continuez que si votre administrateur a remplacé le certificat.</translation>
     </message>
     <message>
         <source>A new version, Quillon %1, is ready to install.</source>
-        <translation type="unfinished"></translation>
+        <translation>Une nouvelle version, Quillon %1, est prête à être installée.</translation>
     </message>
     <message>
         <source>Your settings have been saved.</source>
-        <translation type="unfinished"></translation>
+        <translation>Vos paramètres ont été enregistrés.</translation>
     </message>
     <message>
         <source>Retry</source>
-        <translation type="unfinished"></translation>
+        <translation>Réessayer</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Ready to Repair</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}Prêt à réparer</translation>
     </message>
     <message>
         <source>There is not enough free space on this computer. Free some space and syncing will continue.</source>
-        <translation type="unfinished"></translation>
+        <translation>L&apos;espace libre sur cet ordinateur est insuffisant. Libérez de l&apos;espace et la synchronisation se poursuivra.</translation>
     </message>
     <message>
         <source>The sync session has been removed.</source>
-        <translation type="unfinished"></translation>
+        <translation>La session de synchronisation a été supprimée.</translation>
     </message>
     <message>
         <source>Use system proxy settings</source>
-        <translation type="unfinished"></translation>
+        <translation>Utiliser les paramètres de proxy du système</translation>
     </message>
     <message>
         <source>Keep up to %1 versions of each file</source>
-        <translation type="unfinished"></translation>
+        <translation>Conserver jusqu&apos;à %1 versions de chaque fichier</translation>
     </message>
     <message>
         <source>The selected version could not be restored. Check that you have permission to change the file and try again.</source>
-        <translation type="unfinished"></translation>
+        <translation>Impossible de restaurer la version sélectionnée. Vérifiez que vous avez l&apos;autorisation de modifier le fichier et réessayez.</translation>
     </message>
     <message>
         <source>Quillon keeps the files on your computer and on your server in sync, so your latest work is always at hand. Let&apos;s set up your first sync session.</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon garde les fichiers de votre ordinateur et de votre serveur synchronisés, pour que votre travail le plus récent soit toujours à portée de main. Configurons votre première session de synchronisation.</translation>
     </message>
     <message>
         <source>Current version</source>
-        <translation type="unfinished"></translation>
+        <translation>Version actuelle</translation>
     </message>
     <message>
         <source>June</source>
-        <translation type="unfinished"></translation>
+        <translation>juin</translation>
     </message>
     <message>
         <source>Choose the folder to install the program in. You need permission to write to it.</source>
-        <translation type="unfinished"></translation>
+        <translation>Choisissez le dossier dans lequel installer le programme. Vous devez disposer de l&apos;autorisation d&apos;y écrire.</translation>
     </message>
     <message>
         <source>Sync new folders on the server automatically</source>
-        <translation type="unfinished"></translation>
+        <translation>Synchroniser automatiquement les nouveaux dossiers du serveur</translation>
     </message>
     <message>
         <source>Remind Me Later</source>
-        <translation type="unfinished"></translation>
+        <translation>Me le rappeler plus tard</translation>
     </message>
     <message>
         <source>Deleted on %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Supprimé le %1</translation>
     </message>
     <message>
         <source>Upload speed</source>
-        <translation type="unfinished"></translation>
+        <translation>Vitesse d&apos;envoi</translation>
     </message>
     <message>
         <source>You have used %1% of your storage quota. Syncing stops when the quota is used up.</source>
-        <translation type="unfinished"></translation>
+        <translation>Vous avez utilisé %1 % de votre quota de stockage. La synchronisation s&apos;arrêtera lorsque le quota sera épuisé.</translation>
     </message>
     <message>
         <source>Renamed</source>
-        <translation type="unfinished"></translation>
+        <translation>Renommé</translation>
     </message>
     <message>
         <source>The server folder of this sync session has been removed. Do you want to remove the session as well? The local files are kept.</source>
-        <translation type="unfinished"></translation>
+        <translation>Le dossier du serveur de cette session de synchronisation a été supprimé. Voulez-vous également supprimer la session ? Les fichiers locaux sont conservés.</translation>
     </message>
     <message>
         <source>Quillon status icon</source>
-        <translation type="unfinished"></translation>
+        <translation>Icône d&apos;état de Quillon</translation>
     </message>
     <message>
         <source>Preview</source>
-        <translation type="unfinished"></translation>
+        <translation>Aperçu</translation>
     </message>
     <message>
         <source>Completed</source>
-        <translation type="unfinished"></translation>
+        <translation>Terminé</translation>
     </message>
     <message>
         <source>More actions</source>
-        <translation type="unfinished"></translation>
+        <translation>Plus d&apos;actions</translation>
     </message>
     <message>
         <source>Recycle Bin</source>
-        <translation type="unfinished"></translation>
+        <translation>Corbeille</translation>
     </message>
     <message>
         <source>OK</source>
-        <translation type="unfinished"></translation>
+        <translation>OK</translation>
     </message>
     <message>
         <source>Start time</source>
-        <translation type="unfinished"></translation>
+        <translation>Heure de début</translation>
     </message>
     <message>
         <source>This account is protected by two-step verification. Enter the six-digit code from your authenticator app.</source>
-        <translation type="unfinished"></translation>
+        <translation>Ce compte est protégé par la vérification en deux étapes. Saisissez le code à six chiffres de votre application d&apos;authentification.</translation>
     </message>
     <message>
         <source>Quillon – up to date</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon – à jour</translation>
     </message>
     <message>
         <source>Check the settings below and click Done to start syncing. You can change them later in the session settings.</source>
-        <translation type="unfinished"></translation>
+        <translation>Vérifiez les paramètres ci-dessous et cliquez sur Terminé pour démarrer la synchronisation. Vous pourrez les modifier ultérieurement dans les paramètres de la session.</translation>
     </message>
     <message>
         <source>Ready</source>
-        <translation type="unfinished"></translation>
+        <translation>Prêt</translation>
     </message>
     <message>
         <source>Upload %1, download %2</source>
-        <translation type="unfinished"></translation>
+        <translation>Envoi : %1, téléchargement : %2</translation>
     </message>
     <message>
         <source>Sync files</source>
-        <translation type="unfinished"></translation>
+        <translation>Synchroniser des fichiers</translation>
     </message>
     <message>
         <source>Collapse folder</source>
-        <translation type="unfinished"></translation>
+        <translation>Réduire le dossier</translation>
     </message>
     <message>
         <source>Search recent files</source>
-        <translation type="unfinished"></translation>
+        <translation>Rechercher dans les fichiers récents</translation>
     </message>
     <message>
         <source>Request Access</source>
-        <translation type="unfinished"></translation>
+        <translation>Demander l&apos;accès</translation>
     </message>
     <message>
         <source>Done</source>
-        <translation type="unfinished"></translation>
+        <translation>Terminé</translation>
     </message>
     <message>
         <source>Limit download speed</source>
-        <translation type="unfinished"></translation>
+        <translation>Limiter la vitesse de téléchargement</translation>
     </message>
     <message>
         <source>The proxy server requires authentication. Enter the username and password of the proxy in the network settings.</source>
-        <translation type="unfinished"></translation>
+        <translation>Le serveur proxy exige une authentification. Saisissez le nom d&apos;utilisateur et le mot de passe du proxy dans les paramètres réseau.</translation>
     </message>
     <message>
         <source>Quillon</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon</translation>
     </message>
     <message>
         <source>Quillon Desktop Client</source>
-        <translation type="unfinished"></translation>
+        <translation>Client de bureau Quillon</translation>
     </message>
     <message>
         <source>Please wait...</source>
-        <translation type="unfinished"></translation>
+        <translation>Veuillez patienter...</translation>
     </message>
     <message>
         <source>Fingerprint: %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Empreinte : %1</translation>
     </message>
     <message>
         <source>Saturday</source>
-        <translation type="unfinished"></translation>
+        <translation>samedi</translation>
     </message>
     <message>
         <source>Start Now</source>
-        <translation type="unfinished"></translation>
+        <translation>Démarrer maintenant</translation>
     </message>
     <message>
         <source>Restore as a Copy</source>
-        <translation type="unfinished"></translation>
+        <translation>Restaurer en tant que copie</translation>
     </message>
     <message>
         <source>%1 TB</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 To</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Bigger}[ProductName] Has Been Installed</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Bigger}[ProductName] a été installé</translation>
     </message>
     <message>
         <source>Open Source Licenses</source>
-        <translation type="unfinished"></translation>
+        <translation>Licences open source</translation>
     </message>
     <message>
         <source>Change Password</source>
-        <translation type="unfinished"></translation>
+        <translation>Modifier le mot de passe</translation>
     </message>
     <message>
         <source>Unable to connect to the proxy server. Check the proxy address and port in the network settings.</source>
-        <translation type="unfinished"></translation>
+        <translation>Impossible de se connecter au serveur proxy. Vérifiez l&apos;adresse et le port du proxy dans les paramètres réseau.</translation>
     </message>
     <message>
         <source>Start Quillon when I sign in</source>
-        <translation type="unfinished"></translation>
+        <translation>Démarrer Quillon lorsque je me connecte</translation>
     </message>
     <message>
         <source>Skip This Version</source>
-        <translation type="unfinished"></translation>
+        <translation>Ignorer cette version</translation>
     </message>
     <message>
         <source>Keep Both</source>
-        <translation type="unfinished"></translation>
+        <translation>Conserver les deux</translation>
     </message>
     <message>
         <source>The connection to %1 has been restored.</source>
-        <translation type="unfinished"></translation>
+        <translation>La connexion à %1 a été rétablie.</translation>
     </message>
     <message>
         <source>Sync hidden files</source>
-        <translation type="unfinished"></translation>
+        <translation>Synchroniser les fichiers cachés</translation>
     </message>
     <message>
         <source>Only administrators can change this setting. It is managed for your organization.</source>
-        <translation type="unfinished"></translation>
+        <translation>Seuls les administrateurs peuvent modifier ce paramètre. Il est géré par votre organisation.</translation>
     </message>
     <message>
         <source>Bandwidth</source>
-        <translation type="unfinished"></translation>
+        <translation>Bande passante</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Destination Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}Dossier de destination</translation>
     </message>
     <message>
         <source>Collecting logs...</source>
-        <translation type="unfinished"></translation>
+        <translation>Collecte des journaux...</translation>
     </message>
     <message>
         <source>A sync folder cannot be inside another sync folder, and it cannot contain one. Choose a folder outside your other sync folders.</source>
-        <translation type="unfinished"></translation>
+        <translation>Un dossier de synchronisation ne peut pas se trouver dans un autre dossier de synchronisation, ni en contenir un. Choisissez un dossier situé en dehors de vos autres dossiers de synchronisation.</translation>
     </message>
     <message>
         <source>There is not enough free space on the disk that holds the sync folder. Free some space or move the sync folder to another disk.</source>
-        <translation type="unfinished"></translation>
+        <translation>L&apos;espace libre est insuffisant sur le disque qui contient le dossier de synchronisation. Libérez de l&apos;espace ou déplacez le dossier de synchronisation sur un autre disque.</translation>
     </message>
     <message>
         <source>Properties</source>
-        <translation type="unfinished"></translation>
+        <translation>Propriétés</translation>
     </message>
     <message>
         <source>Free Up Space</source>
-        <translation type="unfinished"></translation>
+        <translation>Libérer de l&apos;espace</translation>
     </message>
     <message>
         <source>Sync progress</source>
-        <translation type="unfinished"></translation>
+        <translation>Progression de la synchronisation</translation>
     </message>
     <message>
         <source>Download speed</source>
-        <translation type="unfinished"></translation>
+        <translation>Vitesse de téléchargement</translation>
     </message>
     <message>
         <source>All activity</source>
-        <translation type="unfinished"></translation>
+        <translation>Toute l&apos;activité</translation>
     </message>
     <message>
         <source>The sync folder cannot be found. It may have been moved, renamed or deleted. Syncing is paused until the folder is available again.</source>
-        <translation type="unfinished"></translation>
+        <translation>Le dossier de synchronisation est introuvable. Il a peut-être été déplacé, renommé ou supprimé. La synchronisation est suspendue jusqu&apos;à ce que le dossier soit de nouveau disponible.</translation>
     </message>
     <message>
         <source>What would you like to do?</source>
-        <translation type="unfinished"></translation>
+        <translation>Que souhaitez-vous faire ?</translation>
     </message>
     <message>
         <source>Check for Updates</source>
-        <translation type="unfinished"></translation>
+        <translation>Rechercher des mises à jour</translation>
     </message>
     <message>
         <source>Recent Changes</source>
-        <translation type="unfinished"></translation>
+        <translation>Modifications récentes</translation>
     </message>
     <message>
         <source>The downloaded update is damaged and has been discarded. Please try again later.</source>
-        <translation type="unfinished"></translation>
+        <translation>La mise à jour téléchargée est endommagée et a été supprimée. Veuillez réessayer plus tard.</translation>
     </message>
     <message>
         <source>Skip temporary and system files</source>
-        <translation type="unfinished"></translation>
+        <translation>Ignorer les fichiers temporaires et système</translation>
     </message>
     <message>
         <source>List of connections</source>
-        <translation type="unfinished"></translation>
+        <translation>Liste des connexions</translation>
     </message>
     <message>
         <source>The server certificate has expired. Ask your administrator to renew it.</source>
-        <translation type="unfinished"></translation>
+        <translation>Le certificat du serveur a expiré. Demandez à votre administrateur de le renouveler.</translation>
     </message>
     <message>
         <source>Show password</source>
-        <translation type="unfinished"></translation>
+        <translation>Afficher le mot de passe</translation>
     </message>
     <message>
         <source>Folder name</source>
-        <translation type="unfinished"></translation>
+        <translation>Nom du dossier</translation>
     </message>
     <message>
         <source>Inherited from %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Hérité de %1</translation>
     </message>
     <message>
         <source>My Quillon</source>
-        <translation type="unfinished"></translation>
+        <translation>Mon Quillon</translation>
     </message>
     <message>
         <source>Clear selection</source>
-        <translation type="unfinished"></translation>
+        <translation>Effacer la sélection</translation>
     </message>
     <message>
         <source>Anyone with this link will lose access to the shared item. Do you want to stop sharing?</source>
-        <translation type="unfinished"></translation>
+        <translation>Toutes les personnes disposant de ce lien perdront l&apos;accès à l&apos;élément partagé. Voulez-vous arrêter le partage ?</translation>
     </message>
     <message>
         <source>The Setup Wizard lets you repair the installation on your computer or remove it. Click Next to continue or Cancel to exit the wizard.</source>
-        <translation type="unfinished"></translation>
+        <translation>L&apos;assistant d&apos;installation vous permet de réparer l&apos;installation sur votre ordinateur ou de la supprimer. Cliquez sur Suivant pour continuer ou sur Annuler pour quitter l&apos;assistant.</translation>
     </message>
     <message>
         <source>The certificate was issued for %1, not for %2. You may be connecting through an address that the certificate does not cover.</source>
-        <translation type="unfinished"></translation>
+        <translation>Le certificat a été émis pour %1 et non pour %2. Vous vous connectez peut-être via une adresse que le certificat ne couvre pas.</translation>
     </message>
     <message>
         <source>May</source>
-        <translation type="unfinished"></translation>
+        <translation>mai</translation>
     </message>
     <message>
         <source>The passwords do not match.</source>
-        <translation type="unfinished"></translation>
+        <translation>Les mots de passe ne correspondent pas.</translation>
     </message>
     <message>
         <source>Export Logs</source>
-        <translation type="unfinished"></translation>
+        <translation>Exporter les journaux</translation>
     </message>
     <message>
         <source>Copy link</source>
-        <translation type="unfinished"></translation>
+        <translation>Copier le lien</translation>
     </message>
     <message>
         <source>The name %1 contains characters that are not allowed on the server. Rename the item to sync it.</source>
-        <translation type="unfinished"></translation>
+        <translation>Le nom %1 contient des caractères non autorisés sur le serveur. Renommez l&apos;élément pour le synchroniser.</translation>
     </message>
     <message>
         <source>Share</source>
-        <translation type="unfinished"></translation>
+        <translation>Partager</translation>
     </message>
     <message>
         <source>Normal</source>
-        <translation type="unfinished"></translation>
+        <translation>Normal</translation>
     </message>
     <message>
         <source>Keep both versions</source>
-        <translation type="unfinished"></translation>
+        <translation>Conserver les deux versions</translation>
     </message>
     <message>
         <source>All Set</source>
-        <translation type="unfinished"></translation>
+        <translation>Tout est prêt</translation>
     </message>
     <message>
         <source>Versions of %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Versions de %1</translation>
     </message>
     <message>
         <source>Password</source>
-        <translation type="unfinished"></translation>
+        <translation>Mot de passe</translation>
     </message>
     <message>
         <source>Available</source>
-        <translation type="unfinished"></translation>
+        <translation>Disponible</translation>
     </message>
     <message>
         <source>Open Sync Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>Ouvrir le dossier de synchronisation</translation>
     </message>
     <message>
         <source>%1 of %2 selected</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 sur %2 sélectionnés</translation>
     </message>
     <message>
         <source>KB/s</source>
-        <translation type="unfinished"></translation>
+        <translation>Ko/s</translation>
     </message>
     <message>
         <source>List of file versions</source>
-        <translation type="unfinished"></translation>
+        <translation>Liste des versions du fichier</translation>
     </message>
     <message>
         <source>Upgrade</source>
-        <translation type="unfinished"></translation>
+        <translation>Mettre à niveau</translation>
     </message>
     <message>
         <source>Start Quillon automatically when you sign in, so your files are synced without you having to remember it.</source>
-        <translation type="unfinished"></translation>
+        <translation>Démarrez Quillon automatiquement à la connexion, pour que vos fichiers soient synchronisés sans que vous ayez à y penser.</translation>
     </message>
     <message>
         <source>Choose the server folders to sync to this computer. New folders created on the server can be added automatically.</source>
-        <translation type="unfinished"></translation>
+        <translation>Choisissez les dossiers du serveur à synchroniser sur cet ordinateur. Les nouveaux dossiers créés sur le serveur peuvent être ajoutés automatiquement.</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Installing [ProductName]</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}Installation de [ProductName]</translation>
     </message>
     <message>
         <source>An unexpected error occurred (code %1).</source>
-        <translation type="unfinished"></translation>
+        <translation>Une erreur inattendue s&apos;est produite (code %1).</translation>
     </message>
     <message>
         <source>I do not accept the terms of the license agreement</source>
-        <translation type="unfinished"></translation>
+        <translation>Je n&apos;accepte pas les termes du contrat de licence</translation>
     </message>
     <message>
         <source>Certificate</source>
-        <translation type="unfinished"></translation>
+        <translation>Certificat</translation>
     </message>
     <message>
         <source>Take a quick tour of Quillon</source>
-        <translation type="unfinished"></translation>
+        <translation>Faites une visite rapide de Quillon</translation>
     </message>
     <message>
         <source>March</source>
-        <translation type="unfinished"></translation>
+        <translation>mars</translation>
     </message>
     <message>
         <source>Resume All</source>
-        <translation type="unfinished"></translation>
+        <translation>Tout reprendre</translation>
     </message>
     <message>
         <source>You do not have permission to delete files in this folder. The deleted files will be downloaded again.</source>
-        <translation type="unfinished"></translation>
+        <translation>Vous n&apos;avez pas l&apos;autorisation de supprimer des fichiers dans ce dossier. Les fichiers supprimés seront de nouveau téléchargés.</translation>
     </message>
     <message>
         <source>Visit Website</source>
-        <translation type="unfinished"></translation>
+        <translation>Visiter le site web</translation>
     </message>
     <message>
         <source>Choose what the Setup Wizard should do with the installed program.</source>
-        <translation type="unfinished"></translation>
+        <translation>Choisissez l&apos;opération que l&apos;assistant d&apos;installation doit effectuer sur le programme installé.</translation>
     </message>
     <message>
         <source>Download files only when they are opened</source>
-        <translation type="unfinished"></translation>
+        <translation>Télécharger les fichiers uniquement lorsqu&apos;ils sont ouverts</translation>
     </message>
     <message>
         <source>Restart Quillon to apply the new settings. Syncing continues where it stopped.</source>
-        <translation type="unfinished"></translation>
+        <translation>Redémarrez Quillon pour appliquer les nouveaux paramètres. La synchronisation reprendra là où elle s&apos;est arrêtée.</translation>
     </message>
     <message>
         <source>Skip files larger than %1 MB</source>
-        <translation type="unfinished"></translation>
+        <translation>Ignorer les fichiers de plus de %1 Mo</translation>
     </message>
     <message>
         <source>Version %1 (build %2)</source>
-        <translation type="unfinished"></translation>
+        <translation>Version %1 (compilation %2)</translation>
     </message>
     <message>
         <source>%1 remaining</source>
-        <translation type="unfinished"></translation>
+        <translation>Temps restant : %1</translation>
     </message>
     <message>
         <source>Pause syncing during these hours</source>
-        <translation type="unfinished"></translation>
+        <translation>Suspendre la synchronisation pendant ces heures</translation>
     </message>
     <message>
         <source>This account has been disabled on the server. Please contact your administrator to have it enabled again.</source>
-        <translation type="unfinished"></translation>
+        <translation>Ce compte a été désactivé sur le serveur. Veuillez contacter votre administrateur pour le faire réactiver.</translation>
     </message>
     <message>
         <source>Sync symbolic links</source>
-        <translation type="unfinished"></translation>
+        <translation>Synchroniser les liens symboliques</translation>
     </message>
     <message>
         <source>Link</source>
-        <translation type="unfinished"></translation>
+        <translation>Lien</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Not Enough Disk Space</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}Espace disque insuffisant</translation>
     </message>
     <message>
         <source>Also remove my settings, sync session information and logs</source>
-        <translation type="unfinished"></translation>
+        <translation>Supprimer également mes paramètres, les informations des sessions de synchronisation et les journaux</translation>
     </message>
     <message>
         <source>Source folders</source>
-        <translation type="unfinished"></translation>
+        <translation>Dossiers sources</translation>
     </message>
     <message>
         <source>The server runs Quillon Server %1, but this client requires version %2 or later. Please ask your administrator to update the server.</source>
-        <translation type="unfinished"></translation>
+        <translation>Le serveur exécute Quillon Server %1, mais ce client nécessite la version %2 ou une version ultérieure. Veuillez demander à votre administrateur de mettre à jour le serveur.</translation>
     </message>
     <message>
         <source>New Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>Nouveau dossier</translation>
     </message>
     <message>
         <source>Made a mistake? Right-click a file and restore an earlier version from the file history.</source>
-        <translation type="unfinished"></translation>
+        <translation>Vous avez fait une erreur ? Cliquez avec le bouton droit sur un fichier et restaurez une version antérieure depuis l&apos;historique du fichier.</translation>
     </message>
     <message>
         <source>Log level</source>
-        <translation type="unfinished"></translation>
+        <translation>Niveau de journalisation</translation>
     </message>
     <message>
         <source>Remove Session</source>
-        <translation type="unfinished"></translation>
+        <translation>Supprimer la session</translation>
     </message>
     <message>
         <source>Saving...</source>
-        <translation type="unfinished"></translation>
+        <translation>Enregistrement...</translation>
     </message>
     <message>
         <source>Server name</source>
-        <translation type="unfinished"></translation>
+        <translation>Nom du serveur</translation>
     </message>
     <message>
         <source>Monday</source>
-        <translation type="unfinished"></translation>
+        <translation>lundi</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Change Destination Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}Modifier le dossier de destination</translation>
     </message>
     <message>
         <source>Connected over the local network</source>
-        <translation type="unfinished"></translation>
+        <translation>Connecté via le réseau local</translation>
     </message>
     <message>
         <source>Unlink</source>
-        <translation type="unfinished"></translation>
+        <translation>Dissocier</translation>
     </message>
     <message>
         <source>Resume syncing</source>
-        <translation type="unfinished"></translation>
+        <translation>Reprendre la synchronisation</translation>
     </message>
     <message>
         <source>If you exit Quillon, changes to your files will no longer be synced until you start it again. Do you want to exit?</source>
-        <translation type="unfinished"></translation>
+        <translation>Si vous quittez Quillon, les modifications apportées à vos fichiers ne seront plus synchronisées jusqu&apos;à ce que vous le relanciez. Voulez-vous quitter ?</translation>
     </message>
     <message>
         <source>Session name</source>
-        <translation type="unfinished"></translation>
+        <translation>Nom de la session</translation>
     </message>
     <message>
         <source>Conflict detected</source>
-        <translation type="unfinished"></translation>
+        <translation>Conflit détecté</translation>
     </message>
     <message>
         <source>Encrypted shared folders must be mounted on the server before they can be synced. Ask your administrator to mount the folder.</source>
-        <translation type="unfinished"></translation>
+        <translation>Les dossiers partagés chiffrés doivent être montés sur le serveur avant de pouvoir être synchronisés. Demandez à votre administrateur de monter le dossier.</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Ready to Update</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}Prêt à mettre à jour</translation>
     </message>
     <message>
         <source>Number of visits</source>
-        <translation type="unfinished"></translation>
+        <translation>Nombre de visites</translation>
     </message>
     <message>
         <source>An update is ready. Restart Quillon to install it.</source>
-        <translation type="unfinished"></translation>
+        <translation>Une mise à jour est prête. Redémarrez Quillon pour l&apos;installer.</translation>
     </message>
     <message>
         <source>Error</source>
-        <translation type="unfinished"></translation>
+        <translation>Erreur</translation>
     </message>
     <message>
         <source>You have read-only access to this folder. Changes made on this computer will not be uploaded and will be replaced by the server version.</source>
-        <translation type="unfinished"></translation>
+        <translation>Vous disposez d&apos;un accès en lecture seule à ce dossier. Les modifications effectuées sur cet ordinateur ne seront pas envoyées et seront remplacées par la version du serveur.</translation>
     </message>
     <message>
         <source>The source folder of this backup plan cannot be found. Check that the drive that holds it is connected.</source>
-        <translation type="unfinished"></translation>
+        <translation>Le dossier source de ce plan de sauvegarde est introuvable. Vérifiez que le lecteur qui le contient est connecté.</translation>
     </message>
     <message>
         <source>The proxy server requires a password</source>
-        <translation type="unfinished"></translation>
+        <translation>Le serveur proxy exige un mot de passe</translation>
     </message>
     <message>
         <source>Modified by %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Modifié par %1</translation>
     </message>
     <message>
         <source>Go back</source>
-        <translation type="unfinished"></translation>
+        <translation>Retour</translation>
     </message>
     <message>
         <source>%1 local changes waiting to upload</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 modifications locales en attente d&apos;envoi</translation>
     </message>
     <message>
         <source>Setup was canceled before it finished. Nothing on your computer has been changed. Run the Setup Wizard again whenever you want to install the program.</source>
-        <translation type="unfinished"></translation>
+        <translation>L&apos;installation a été annulée avant la fin. Aucune modification n&apos;a été apportée à votre ordinateur. Relancez l&apos;assistant d&apos;installation quand vous souhaitez installer le programme.</translation>
     </message>
     <message>
         <source>Local path</source>
-        <translation type="unfinished"></translation>
+        <translation>Chemin local</translation>
     </message>
     <message>
         <source>Need all of your bandwidth for a while? Pause syncing at any time from the tray menu.</source>
-        <translation type="unfinished"></translation>
+        <translation>Besoin de toute votre bande passante pendant un moment ? Suspendez la synchronisation à tout moment depuis le menu de la zone de notification.</translation>
     </message>
     <message>
         <source>Required</source>
-        <translation type="unfinished"></translation>
+        <translation>Requis</translation>
     </message>
     <message>
         <source>Advanced</source>
-        <translation type="unfinished"></translation>
+        <translation>Avancé</translation>
     </message>
     <message>
         <source>Time</source>
-        <translation type="unfinished"></translation>
+        <translation>Heure</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Repair or Remove Installation</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}Réparer ou supprimer l&apos;installation</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Bigger}Setup Could Not Finish</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Bigger}L&apos;installation n&apos;a pas pu se terminer</translation>
     </message>
     <message>
         <source>No limit</source>
-        <translation type="unfinished"></translation>
+        <translation>Aucune limite</translation>
     </message>
     <message>
         <source>Quillon – %1 items could not be synced</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon – %1 éléments n&apos;ont pas pu être synchronisés</translation>
     </message>
     <message>
         <source>Quillon Setup</source>
-        <translation type="unfinished"></translation>
+        <translation>Installation de Quillon</translation>
     </message>
     <message>
         <source>Some files were skipped because of their name, size or type. See the details for more information.</source>
-        <translation type="unfinished"></translation>
+        <translation>Certains fichiers ont été ignorés en raison de leur nom, de leur taille ou de leur type. Consultez les détails pour en savoir plus.</translation>
     </message>
     <message>
         <source>Edit Sync Session</source>
-        <translation type="unfinished"></translation>
+        <translation>Modifier la session de synchronisation</translation>
     </message>
     <message>
         <source>You do not have permission to share this item. Ask its owner to share it or to give you permission.</source>
-        <translation type="unfinished"></translation>
+        <translation>Vous n&apos;avez pas l&apos;autorisation de partager cet élément. Demandez à son propriétaire de le partager ou de vous en donner l&apos;autorisation.</translation>
     </message>
     <message>
         <source>Tuesday</source>
-        <translation type="unfinished"></translation>
+        <translation>mardi</translation>
     </message>
     <message>
         <source>Moved</source>
-        <translation type="unfinished"></translation>
+        <translation>Déplacé</translation>
     </message>
     <message>
         <source>Got it!</source>
-        <translation type="unfinished"></translation>
+        <translation>J&apos;ai compris !</translation>
     </message>
     <message>
         <source>Connected to %1 as %2</source>
-        <translation type="unfinished"></translation>
+        <translation>Connecté à %1 en tant que %2</translation>
     </message>
     <message>
         <source>Quillon uses the proxy settings of your system unless you enter other settings here. The proxy is used for every connection except those to addresses on your local network.</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon utilise les paramètres de proxy de votre système, sauf si vous saisissez d&apos;autres paramètres ici. Le proxy est utilisé pour toutes les connexions, sauf celles vers des adresses de votre réseau local.</translation>
     </message>
     <message>
         <source>Keeps the files on your computers in sync with your Quillon server</source>
-        <translation type="unfinished"></translation>
+        <translation>Synchronise les fichiers de vos ordinateurs avec votre serveur Quillon</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Bigger}Welcome to [ProductName] Setup</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Bigger}Bienvenue dans l&apos;assistant d&apos;installation de [ProductName]</translation>
     </message>
     <message>
         <source>Update available</source>
-        <translation type="unfinished"></translation>
+        <translation>Mise à jour disponible</translation>
     </message>
     <message>
         <source>Show QR Code</source>
-        <translation type="unfinished"></translation>
+        <translation>Afficher le code QR</translation>
     </message>
     <message>
         <source>Compare Versions</source>
-        <translation type="unfinished"></translation>
+        <translation>Comparer les versions</translation>
     </message>
     <message>
         <source>Can upload</source>
-        <translation type="unfinished"></translation>
+        <translation>Peut envoyer des fichiers</translation>
     </message>
     <message>
         <source>Restore %1 to the version of %2? The current version will be kept in the file history.</source>
-        <translation type="unfinished"></translation>
+        <translation>Restaurer %1 dans sa version du %2 ? La version actuelle sera conservée dans l&apos;historique du fichier.</translation>
     </message>
     <message>
         <source>Modified by</source>
-        <translation type="unfinished"></translation>
+        <translation>Modifié par</translation>
     </message>
     <message>
         <source>This server does not support file syncing. Ask your administrator to install the Quillon Server package on it.</source>
-        <translation type="unfinished"></translation>
+        <translation>Ce serveur ne prend pas en charge la synchronisation de fichiers. Demandez à votre administrateur d&apos;y installer le paquet Quillon Server.</translation>
     </message>
     <message>
         <source>Open Log Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>Ouvrir le dossier des journaux</translation>
     </message>
     <message>
         <source>The connection is encrypted.</source>
-        <translation type="unfinished"></translation>
+        <translation>La connexion est chiffrée.</translation>
     </message>
     <message>
         <source>Mark all as read</source>
-        <translation type="unfinished"></translation>
+        <translation>Tout marquer comme lu</translation>
     </message>
     <message>
         <source>View Conflicts</source>
-        <translation type="unfinished"></translation>
+        <translation>Afficher les conflits</translation>
     </message>
     <message>
         <source>Confirm</source>
-        <translation type="unfinished"></translation>
+        <translation>Confirmer</translation>
     </message>
     <message>
         <source>Servers found on your local network</source>
-        <translation type="unfinished"></translation>
+        <translation>Serveurs trouvés sur votre réseau local</translation>
     </message>
     <message>
         <source>The port must be a number between 1 and 65535.</source>
-        <translation type="unfinished"></translation>
+        <translation>Le port doit être un nombre compris entre 1 et 65535.</translation>
     </message>
     <message>
         <source>No recently synced files.</source>
-        <translation type="unfinished"></translation>
+        <translation>Aucun fichier synchronisé récemment.</translation>
     </message>
     <message>
         <source>Sync Conflicts</source>
-        <translation type="unfinished"></translation>
+        <translation>Conflits de synchronisation</translation>
     </message>
     <message>
         <source>Two-step verification is required for this account. Enter the code shown by your authenticator app.</source>
-        <translation type="unfinished"></translation>
+        <translation>La vérification en deux étapes est obligatoire pour ce compte. Saisissez le code affiché par votre application d&apos;authentification.</translation>
     </message>
     <message>
         <source>Include folder %1 in sync</source>
-        <translation type="unfinished"></translation>
+        <translation>Inclure le dossier %1 dans la synchronisation</translation>
     </message>
     <message>
         <source>Some files that setup has to replace are being used.</source>
-        <translation type="unfinished"></translation>
+        <translation>Certains fichiers que l&apos;installation doit remplacer sont en cours d&apos;utilisation.</translation>
     </message>
     <message>
         <source>Update Now</source>
-        <translation type="unfinished"></translation>
+        <translation>Mettre à jour maintenant</translation>
     </message>
     <message>
         <source>Sync Sessions</source>
-        <translation type="unfinished"></translation>
+        <translation>Sessions de synchronisation</translation>
     </message>
     <message>
         <source>Put files into your sync folder and they appear on your server and on every other computer connected to it.</source>
-        <translation type="unfinished"></translation>
+        <translation>Placez des fichiers dans votre dossier de synchronisation : ils apparaîtront sur votre serveur et sur tous les autres ordinateurs qui y sont connectés.</translation>
     </message>
     <message>
         <source>Updating...</source>
-        <translation type="unfinished"></translation>
+        <translation>Mise à jour en cours...</translation>
     </message>
     <message>
         <source>Download Update</source>
-        <translation type="unfinished"></translation>
+        <translation>Télécharger la mise à jour</translation>
     </message>
     <message>
         <source>List of sync sessions</source>
-        <translation type="unfinished"></translation>
+        <translation>Liste des sessions de synchronisation</translation>
     </message>
     <message>
         <source>Preparing...</source>
-        <translation type="unfinished"></translation>
+        <translation>Préparation...</translation>
     </message>
     <message>
         <source>Only the selected folders are synced to this computer. Folders you clear are removed from this computer but stay on the server, where you can still open them from the web portal.</source>
-        <translation type="unfinished"></translation>
+        <translation>Seuls les dossiers sélectionnés sont synchronisés sur cet ordinateur. Les dossiers que vous désélectionnez sont supprimés de cet ordinateur, mais restent sur le serveur, où vous pouvez toujours les ouvrir depuis le portail web.</translation>
     </message>
     <message>
         <source>The applications listed below are using files that this setup has to replace. Close them and click Retry to continue, or click Ignore to replace the files after a restart.</source>
-        <translation type="unfinished"></translation>
+        <translation>Les applications ci-dessous utilisent des fichiers que cette installation doit remplacer. Fermez-les et cliquez sur Réessayer pour continuer, ou cliquez sur Ignorer pour remplacer les fichiers après un redémarrage.</translation>
     </message>
     <message>
         <source>The server is in maintenance mode. Syncing resumes automatically when the maintenance is over.</source>
-        <translation type="unfinished"></translation>
+        <translation>Le serveur est en maintenance. La synchronisation reprendra automatiquement à la fin de la maintenance.</translation>
     </message>
     <message>
         <source>Modified on %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Modifié le %1</translation>
     </message>
     <message>
         <source>%1 of %2 used</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 utilisés sur %2</translation>
     </message>
     <message>
         <source>All files in this session are up to date.</source>
-        <translation type="unfinished"></translation>
+        <translation>Tous les fichiers de cette session sont à jour.</translation>
     </message>
     <message>
         <source>Back up files</source>
-        <translation type="unfinished"></translation>
+        <translation>Sauvegarder des fichiers</translation>
     </message>
     <message>
         <source>%1 was changed on this computer and on the server. Choose which version to keep or keep both of them.</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 a été modifié sur cet ordinateur et sur le serveur. Choisissez la version à conserver ou conservez les deux.</translation>
     </message>
     <message>
         <source>Network</source>
-        <translation type="unfinished"></translation>
+        <translation>Réseau</translation>
     </message>
     <message>
         <source>Recent Files</source>
-        <translation type="unfinished"></translation>
+        <translation>Fichiers récents</translation>
     </message>
     <message>
         <source>File name</source>
-        <translation type="unfinished"></translation>
+        <translation>Nom de fichier</translation>
     </message>
     <message>
         <source>A folder named %1 already exists.</source>
-        <translation type="unfinished"></translation>
+        <translation>Un dossier nommé %1 existe déjà.</translation>
     </message>
     <message>
         <source>Connections</source>
-        <translation type="unfinished"></translation>
+        <translation>Connexions</translation>
     </message>
     <message>
         <source>Selective Sync...</source>
-        <translation type="unfinished"></translation>
+        <translation>Synchronisation sélective...</translation>
     </message>
     <message>
         <source>Status</source>
-        <translation type="unfinished"></translation>
+        <translation>État</translation>
     </message>
     <message>
         <source>Uploading</source>
-        <translation type="unfinished"></translation>
+        <translation>Envoi en cours</translation>
     </message>
     <message>
         <source>Sign-in failed. The username or password is incorrect. Passwords are case-sensitive, so check that Caps Lock is off.</source>
-        <translation type="unfinished"></translation>
+        <translation>Échec de l&apos;authentification. Le nom d&apos;utilisateur ou le mot de passe est incorrect. Les mots de passe respectent la casse : vérifiez que la touche Verr. Maj n&apos;est pas activée.</translation>
     </message>
     <message>
         <source>Resume</source>
-        <translation type="unfinished"></translation>
+        <translation>Reprendre</translation>
     </message>
     <message>
         <source>Replaces missing or damaged program files and shortcuts with the files of this installation package.</source>
-        <translation type="unfinished"></translation>
+        <translation>Remplace les fichiers et raccourcis du programme manquants ou endommagés par les fichiers de ce paquet d&apos;installation.</translation>
     </message>
     <message>
         <source>The server is busy. Quillon will try again in a few minutes.</source>
-        <translation type="unfinished"></translation>
+        <translation>Le serveur est occupé. Quillon réessaiera dans quelques minutes.</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Ready to Remove</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}Prêt à supprimer</translation>
     </message>
     <message>
         <source>Please enter a password.</source>
-        <translation type="unfinished"></translation>
+        <translation>Veuillez saisir un mot de passe.</translation>
     </message>
     <message>
         <source>Use the default folder</source>
-        <translation type="unfinished"></translation>
+        <translation>Utiliser le dossier par défaut</translation>
     </message>
     <message>
         <source>Some files could not be synced</source>
-        <translation type="unfinished"></translation>
+        <translation>Certains fichiers n&apos;ont pas pu être synchronisés</translation>
     </message>
     <message>
         <source>Search files</source>
-        <translation type="unfinished"></translation>
+        <translation>Rechercher des fichiers</translation>
     </message>
     <message>
         <source>Delete Version</source>
-        <translation type="unfinished"></translation>
+        <translation>Supprimer la version</translation>
     </message>
     <message>
         <source>Create Connection</source>
-        <translation type="unfinished"></translation>
+        <translation>Créer une connexion</translation>
     </message>
     <message>
         <source>Latest version</source>
-        <translation type="unfinished"></translation>
+        <translation>Dernière version</translation>
     </message>
     <message>
         <source>Setup will guide you through the installation of Quillon. Please exit Quillon and close other programs that may use its files before you continue, so that setup can replace them without a restart.</source>
-        <translation type="unfinished"></translation>
+        <translation>Le programme d&apos;installation va vous guider tout au long de l&apos;installation de Quillon. Avant de continuer, veuillez quitter Quillon et fermer les autres programmes susceptibles d&apos;utiliser ses fichiers, afin que l&apos;installation puisse les remplacer sans redémarrage.</translation>
     </message>
     <message>
         <source>Restore</source>
-        <translation type="unfinished"></translation>
+        <translation>Restaurer</translation>
     </message>
     <message>
         <source>%1 files were added to %2.</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 fichiers ont été ajoutés à %2.</translation>
     </message>
     <message>
         <source>Owner</source>
-        <translation type="unfinished"></translation>
+        <translation>Propriétaire</translation>
     </message>
     <message>
         <source>Location</source>
-        <translation type="unfinished"></translation>
+        <translation>Emplacement</translation>
     </message>
     <message>
         <source>Downloaded</source>
-        <translation type="unfinished"></translation>
+        <translation>Téléchargé</translation>
     </message>
     <message>
         <source>Searching for servers on your local network...</source>
-        <translation type="unfinished"></translation>
+        <translation>Recherche de serveurs sur votre réseau local...</translation>
     </message>
     <message>
         <source>Syncing %1 files</source>
-        <translation type="unfinished"></translation>
+        <translation>Synchronisation de %1 fichiers</translation>
     </message>
     <message>
         <source>Speed limit</source>
-        <translation type="unfinished"></translation>
+        <translation>Limite de vitesse</translation>
     </message>
     <message>
         <source>Keep the local version</source>
-        <translation type="unfinished"></translation>
+        <translation>Conserver la version locale</translation>
     </message>
     <message>
         <source>%1 could not be deleted because it is in use or you do not have permission to delete it.</source>
-        <translation type="unfinished"></translation>
+        <translation>Impossible de supprimer %1, car l&apos;élément est en cours d&apos;utilisation ou vous n&apos;avez pas l&apos;autorisation de le supprimer.</translation>
     </message>
     <message>
         <source>Ready to Sync</source>
-        <translation type="unfinished"></translation>
+        <translation>Prêt à synchroniser</translation>
     </message>
     <message>
         <source>Ignore</source>
-        <translation type="unfinished"></translation>
+        <translation>Ignorer</translation>
     </message>
     <message>
         <source>Close the applications automatically and start them again afterwards</source>
-        <translation type="unfinished"></translation>
+        <translation>Fermer automatiquement les applications et les redémarrer ensuite</translation>
     </message>
     <message>
         <source>Checking for updates...</source>
-        <translation type="unfinished"></translation>
+        <translation>Recherche de mises à jour...</translation>
     </message>
     <message>
         <source>Quillon is now syncing your files. You can follow the progress from the tray icon and change your settings at any time.</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon synchronise maintenant vos fichiers. Vous pouvez suivre la progression depuis l&apos;icône de la zone de notification et modifier vos paramètres à tout moment.</translation>
     </message>
     <message>
         <source>Logs help the support team find the cause of a problem. They contain file names and error messages, but never the contents of your files or your password.</source>
-        <translation type="unfinished"></translation>
+        <translation>Les journaux aident l&apos;équipe d&apos;assistance à trouver la cause d&apos;un problème. Ils contiennent des noms de fichiers et des messages d&apos;erreur, mais jamais le contenu de vos fichiers ni votre mot de passe.</translation>
     </message>
     <message>
         <source>Sign In Again</source>
-        <translation type="unfinished"></translation>
+        <translation>Se reconnecter</translation>
     </message>
     <message>
         <source>Network tab</source>
-        <translation type="unfinished"></translation>
+        <translation>Onglet Réseau</translation>
     </message>
     <message>
         <source>Backup Plans</source>
-        <translation type="unfinished"></translation>
+        <translation>Plans de sauvegarde</translation>
     </message>
     <message>
         <source>File Filter</source>
-        <translation type="unfinished"></translation>
+        <translation>Filtre de fichiers</translation>
     </message>
     <message>
         <source>%1 items could not be synced. Click here to see the details.</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 éléments n&apos;ont pas pu être synchronisés. Cliquez ici pour afficher les détails.</translation>
     </message>
     <message>
         <source>The folder path is not valid. Please choose a folder on a local drive that you have permission to write to.</source>
-        <translation type="unfinished"></translation>
+        <translation>Le chemin du dossier n&apos;est pas valide. Veuillez choisir un dossier sur un lecteur local dans lequel vous avez l&apos;autorisation d&apos;écrire.</translation>
     </message>
     <message>
         <source>Use * to match any characters and ? to match a single character, for example *.tmp or ~$*</source>
-        <translation type="unfinished"></translation>
+        <translation>Utilisez * pour remplacer n&apos;importe quelle suite de caractères et ? pour remplacer un seul caractère, par exemple *.tmp ou ~$*</translation>
     </message>
     <message>
         <source>Protect the link with a password</source>
-        <translation type="unfinished"></translation>
+        <translation>Protéger le lien par un mot de passe</translation>
     </message>
     <message>
         <source>The connection timed out because the server took too long to respond. Quillon will try again shortly.</source>
-        <translation type="unfinished"></translation>
+        <translation>Le délai de connexion a expiré, car le serveur a mis trop de temps à répondre. Quillon va réessayer sous peu.</translation>
     </message>
     <message>
         <source>Pause All</source>
-        <translation type="unfinished"></translation>
+        <translation>Tout suspendre</translation>
     </message>
     <message>
         <source>Update</source>
-        <translation type="unfinished"></translation>
+        <translation>Mettre à jour</translation>
     </message>
     <message>
         <source>Debug</source>
-        <translation type="unfinished"></translation>
+        <translation>Débogage</translation>
     </message>
     <message>
         <source>A conflict occurs when a file is changed on this computer and on the server before the two sides are synced. Quillon never overwrites one change with the other without your consent.</source>
-        <translation type="unfinished"></translation>
+        <translation>Un conflit se produit lorsqu&apos;un fichier est modifié sur cet ordinateur et sur le serveur avant que les deux côtés aient été synchronisés. Quillon n&apos;écrase jamais une modification par une autre sans votre accord.</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}End-User License Agreement</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}Contrat de licence utilisateur final</translation>
     </message>
     <message>
         <source>Could not check for updates. Quillon will try again later.</source>
-        <translation type="unfinished"></translation>
+        <translation>Impossible de rechercher des mises à jour. Quillon réessaiera plus tard.</translation>
     </message>
     <message>
         <source>Apply to all conflicts</source>
-        <translation type="unfinished"></translation>
+        <translation>Appliquer à tous les conflits</translation>
     </message>
     <message>
         <source>Connected</source>
-        <translation type="unfinished"></translation>
+        <translation>Connecté</translation>
     </message>
     <message>
         <source>February</source>
-        <translation type="unfinished"></translation>
+        <translation>février</translation>
     </message>
     <message>
         <source>Back up folders such as Documents and Pictures to your server on a schedule, and restore them whenever you need to.</source>
-        <translation type="unfinished"></translation>
+        <translation>Sauvegardez des dossiers tels que Documents et Images sur votre serveur selon une planification, et restaurez-les dès que vous en avez besoin.</translation>
     </message>
     <message>
         <source>Black-and-white tray icon</source>
-        <translation type="unfinished"></translation>
+        <translation>Icône de la zone de notification en noir et blanc</translation>
     </message>
     <message>
         <source>September</source>
-        <translation type="unfinished"></translation>
+        <translation>septembre</translation>
     </message>
     <message>
         <source>Click Install to start the installation. Click Back to review or change your choices, or Cancel to exit the wizard.</source>
-        <translation type="unfinished"></translation>
+        <translation>Cliquez sur Installer pour démarrer l&apos;installation. Cliquez sur Précédent pour vérifier ou modifier vos choix, ou sur Annuler pour quitter l&apos;assistant.</translation>
     </message>
     <message>
         <source>Rename</source>
-        <translation type="unfinished"></translation>
+        <translation>Renommer</translation>
     </message>
     <message>
         <source>The local database is damaged. Quillon will rebuild it and compare all files with the server again. This can take a while.</source>
-        <translation type="unfinished"></translation>
+        <translation>La base de données locale est endommagée. Quillon va la reconstruire et comparer à nouveau tous les fichiers avec le serveur. Cela peut prendre un certain temps.</translation>
     </message>
     <message>
         <source>Keep Server Version</source>
-        <translation type="unfinished"></translation>
+        <translation>Conserver la version du serveur</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Bigger}Setup Was Canceled</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Bigger}L&apos;installation a été annulée</translation>
     </message>
     <message>
         <source>A backup plan copies the selected folders to the server on a schedule. Deleting a file on this computer does not delete its backup, and earlier versions can be restored at any time.</source>
-        <translation type="unfinished"></translation>
+        <translation>Un plan de sauvegarde copie les dossiers sélectionnés sur le serveur selon une planification. La suppression d&apos;un fichier sur cet ordinateur ne supprime pas sa sauvegarde, et les versions antérieures peuvent être restaurées à tout moment.</translation>
     </message>
     <message>
         <source>Queued</source>
-        <translation type="unfinished"></translation>
+        <translation>En file d&apos;attente</translation>
     </message>
     <message>
         <source>October</source>
-        <translation type="unfinished"></translation>
+        <translation>octobre</translation>
     </message>
     <message>
         <source>Install and Restart</source>
-        <translation type="unfinished"></translation>
+        <translation>Installer et redémarrer</translation>
     </message>
     <message>
         <source>Allow visitors to download the shared files</source>
-        <translation type="unfinished"></translation>
+        <translation>Autoriser les visiteurs à télécharger les fichiers partagés</translation>
     </message>
     <message>
         <source>Disk Size</source>
-        <translation type="unfinished"></translation>
+        <translation>Taille du disque</translation>
     </message>
     <message>
         <source>April</source>
-        <translation type="unfinished"></translation>
+        <translation>avril</translation>
     </message>
     <message>
         <source>Uploaded</source>
-        <translation type="unfinished"></translation>
+        <translation>Envoyé</translation>
     </message>
     <message>
         <source>About %1 of free space is needed on this computer.</source>
-        <translation type="unfinished"></translation>
+        <translation>Cet ordinateur doit disposer d&apos;environ %1 d&apos;espace libre.</translation>
     </message>
     <message>
         <source>Do you want to unlink this computer from the server? All sync sessions of this connection will be removed. Your files are not deleted.</source>
-        <translation type="unfinished"></translation>
+        <translation>Voulez-vous dissocier cet ordinateur du serveur ? Toutes les sessions de synchronisation de cette connexion seront supprimées. Vos fichiers ne seront pas supprimés.</translation>
     </message>
     <message>
         <source>Every hour</source>
-        <translation type="unfinished"></translation>
+        <translation>Toutes les heures</translation>
     </message>
     <message>
         <source>Change...</source>
-        <translation type="unfinished"></translation>
+        <translation>Modifier...</translation>
     </message>
     <message>
         <source>Scanning local files for changes...</source>
-        <translation type="unfinished"></translation>
+        <translation>Recherche de modifications dans les fichiers locaux...</translation>
     </message>
     <message>
         <source>The server cannot be reached. Check that it is switched on and connected to the network. Quillon keeps trying to reconnect.</source>
-        <translation type="unfinished"></translation>
+        <translation>Le serveur est inaccessible. Vérifiez qu&apos;il est allumé et connecté au réseau. Quillon continue d&apos;essayer de se reconnecter.</translation>
     </message>
     <message>
         <source>Privacy Policy</source>
-        <translation type="unfinished"></translation>
+        <translation>Politique de confidentialité</translation>
     </message>
     <message>
         <source>This version of Quillon is no longer supported by the server. Please install the latest version to continue syncing.</source>
-        <translation type="unfinished"></translation>
+        <translation>Cette version de Quillon n&apos;est plus prise en charge par le serveur. Veuillez installer la dernière version pour poursuivre la synchronisation.</translation>
     </message>
     <message>
         <source>Next tip</source>
-        <translation type="unfinished"></translation>
+        <translation>Conseil suivant</translation>
     </message>
     <message>
         <source>The sync session has been created. Quillon starts syncing right away.</source>
-        <translation type="unfinished"></translation>
+        <translation>La session de synchronisation a été créée. Quillon commence la synchronisation immédiatement.</translation>
     </message>
     <message>
         <source>Type</source>
-        <translation type="unfinished"></translation>
+        <translation>Type</translation>
     </message>
     <message>
         <source>Leave the applications open and restart the computer later</source>
-        <translation type="unfinished"></translation>
+        <translation>Laisser les applications ouvertes et redémarrer l&apos;ordinateur plus tard</translation>
     </message>
     <message>
         <source>Session Details</source>
-        <translation type="unfinished"></translation>
+        <translation>Détails de la session</translation>
     </message>
     <message>
         <source>Do you want to remove this sync session? Syncing stops, but the files on this computer and on the server are kept.</source>
-        <translation type="unfinished"></translation>
+        <translation>Voulez-vous supprimer cette session de synchronisation ? La synchronisation s&apos;arrêtera, mais les fichiers de cet ordinateur et du serveur seront conservés.</translation>
     </message>
     <message>
         <source>Keep Local Version</source>
-        <translation type="unfinished"></translation>
+        <translation>Conserver la version locale</translation>
     </message>
     <message>
         <source>Sync Settings</source>
-        <translation type="unfinished"></translation>
+        <translation>Paramètres de synchronisation</translation>
     </message>
     <message>
         <source>Sharing is disabled for this account. Contact your administrator if you need to share files.</source>
-        <translation type="unfinished"></translation>
+        <translation>Le partage est désactivé pour ce compte. Contactez votre administrateur si vous avez besoin de partager des fichiers.</translation>
     </message>
     <message>
         <source>This program requires Windows 7 Service Pack 1 or later. Setup will now exit.</source>
-        <translation type="unfinished"></translation>
+        <translation>Ce programme nécessite Windows 7 Service Pack 1 ou une version ultérieure. L&apos;installation va maintenant se fermer.</translation>
     </message>
     <message>
         <source>Remove Rule</source>
-        <translation type="unfinished"></translation>
+        <translation>Supprimer la règle</translation>
     </message>
     <message>
         <source>Get Support</source>
-        <translation type="unfinished"></translation>
+        <translation>Obtenir de l&apos;assistance</translation>
     </message>
     <message>
         <source>Server</source>
-        <translation type="unfinished"></translation>
+        <translation>Serveur</translation>
     </message>
     <message>
         <source>Sync status</source>
-        <translation type="unfinished"></translation>
+        <translation>État de la synchronisation</translation>
     </message>
     <message>
         <source>Stop Sharing</source>
-        <translation type="unfinished"></translation>
+        <translation>Arrêter le partage</translation>
     </message>
     <message>
         <source>November</source>
-        <translation type="unfinished"></translation>
+        <translation>novembre</translation>
     </message>
     <message>
         <source>Language</source>
-        <translation type="unfinished"></translation>
+        <translation>Langue</translation>
     </message>
     <message>
         <source>A sync conflict occurred for %1. Both versions have been kept.</source>
-        <translation type="unfinished"></translation>
+        <translation>Un conflit de synchronisation s&apos;est produit pour %1. Les deux versions ont été conservées.</translation>
     </message>
     <message>
         <source>Install [ProductName] in this folder:</source>
-        <translation type="unfinished"></translation>
+        <translation>Installer [ProductName] dans ce dossier :</translation>
     </message>
     <message>
         <source>Setup stopped because of an error. Nothing on your computer has been changed. Run the Setup Wizard again later to install the program.</source>
-        <translation type="unfinished"></translation>
+        <translation>L&apos;installation s&apos;est arrêtée en raison d&apos;une erreur. Aucune modification n&apos;a été apportée à votre ordinateur. Relancez l&apos;assistant d&apos;installation ultérieurement pour installer le programme.</translation>
     </message>
     <message>
         <source>Server name, IP address or relay ID, for example files.example.com</source>
-        <translation type="unfinished"></translation>
+        <translation>Nom du serveur, adresse IP ou identifiant de relais, par exemple files.example.com</translation>
     </message>
     <message>
         <source>Waiting</source>
-        <translation type="unfinished"></translation>
+        <translation>En attente</translation>
     </message>
     <message>
         <source>Never expires</source>
-        <translation type="unfinished"></translation>
+        <translation>N&apos;expire jamais</translation>
     </message>
     <message>
         <source>A newer version of [ProductName] is already installed on this computer. Setup will now exit.</source>
-        <translation type="unfinished"></translation>
+        <translation>Une version plus récente de [ProductName] est déjà installée sur cet ordinateur. L&apos;installation va maintenant se fermer.</translation>
     </message>
     <message>
         <source>Created on %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Créée le %1</translation>
     </message>
     <message>
         <source>Wednesday</source>
-        <translation type="unfinished"></translation>
+        <translation>mercredi</translation>
     </message>
     <message>
         <source>Downloading</source>
-        <translation type="unfinished"></translation>
+        <translation>Téléchargement en cours</translation>
     </message>
     <message>
         <source>When a conflict occurs</source>
-        <translation type="unfinished"></translation>
+        <translation>En cas de conflit</translation>
     </message>
     <message>
         <source>Add Connection...</source>
-        <translation type="unfinished"></translation>
+        <translation>Ajouter une connexion...</translation>
     </message>
     <message>
         <source>Downloading update... %1%</source>
-        <translation type="unfinished"></translation>
+        <translation>Téléchargement de la mise à jour... %1 %</translation>
     </message>
     <message>
         <source>Automatic Setup</source>
-        <translation type="unfinished"></translation>
+        <translation>Configuration automatique</translation>
     </message>
     <message>
         <source>The Setup Wizard will update the installed copy of [ProductName] on your computer. Your sync sessions and settings are kept. Click Next to continue or Cancel to exit the wizard.</source>
-        <translation type="unfinished"></translation>
+        <translation>L&apos;assistant d&apos;installation va mettre à jour la copie installée de [ProductName] sur votre ordinateur. Vos sessions de synchronisation et vos paramètres seront conservés. Cliquez sur Suivant pour continuer ou sur Annuler pour quitter l&apos;assistant.</translation>
     </message>
     <message>
         <source>The logs have been saved to your desktop as a compressed archive.</source>
-        <translation type="unfinished"></translation>
+        <translation>Les journaux ont été enregistrés sur votre bureau sous forme d&apos;archive compressée.</translation>
     </message>
     <message>
         <source>Pause syncing</source>
-        <translation type="unfinished"></translation>
+        <translation>Suspendre la synchronisation</translation>
     </message>
     <message>
         <source>Do not use the proxy for local addresses</source>
-        <translation type="unfinished"></translation>
+        <translation>Ne pas utiliser le proxy pour les adresses locales</translation>
     </message>
     <message>
         <source>Remove</source>
-        <translation type="unfinished"></translation>
+        <translation>Supprimer</translation>
     </message>
     <message>
         <source>Create a desktop shortcut</source>
-        <translation type="unfinished"></translation>
+        <translation>Créer un raccourci sur le bureau</translation>
     </message>
     <message>
         <source>You are offline. Changes are kept on this computer and synced when the connection is back.</source>
-        <translation type="unfinished"></translation>
+        <translation>Vous êtes hors ligne. Les modifications sont conservées sur cet ordinateur et seront synchronisées lorsque la connexion sera rétablie.</translation>
     </message>
     <message>
         <source>A new version of Quillon is available. Click here to update.</source>
-        <translation type="unfinished"></translation>
+        <translation>Une nouvelle version de Quillon est disponible. Cliquez ici pour effectuer la mise à jour.</translation>
     </message>
     <message>
         <source>Downloading %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Téléchargement de %1</translation>
     </message>
     <message>
         <source>%1 files were deleted from %2. Do you want to delete them on the other side too? Choose Restore if you did not delete them on purpose, and the files will be downloaded again.</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 fichiers ont été supprimés de %2. Voulez-vous également les supprimer de l&apos;autre côté ? Choisissez Restaurer si vous ne les avez pas supprimés volontairement : les fichiers seront alors de nouveau téléchargés.</translation>
     </message>
     <message>
         <source>Enter the address manually</source>
-        <translation type="unfinished"></translation>
+        <translation>Saisir l&apos;adresse manuellement</translation>
     </message>
     <message>
         <source>Download only</source>
-        <translation type="unfinished"></translation>
+        <translation>Téléchargement uniquement</translation>
     </message>
     <message>
         <source>A sharing link has been created and copied to the clipboard.</source>
-        <translation type="unfinished"></translation>
+        <translation>Un lien de partage a été créé et copié dans le presse-papiers.</translation>
     </message>
     <message>
         <source>The program has been installed. Click Finish to close the Setup Wizard.</source>
-        <translation type="unfinished"></translation>
+        <translation>Le programme a été installé. Cliquez sur Terminer pour fermer l&apos;assistant d&apos;installation.</translation>
     </message>
     <message>
         <source>Exclude from Sync</source>
-        <translation type="unfinished"></translation>
+        <translation>Exclure de la synchronisation</translation>
     </message>
     <message>
         <source>No servers were found on your local network.</source>
-        <translation type="unfinished"></translation>
+        <translation>Aucun serveur n&apos;a été trouvé sur votre réseau local.</translation>
     </message>
     <message>
         <source>%1 MB</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 Mo</translation>
     </message>
     <message>
         <source>The Setup Wizard is repairing the program. This may take several minutes.</source>
-        <translation type="unfinished"></translation>
+        <translation>L&apos;assistant d&apos;installation répare le programme. Cette opération peut prendre plusieurs minutes.</translation>
     </message>
     <message>
         <source>Print</source>
-        <translation type="unfinished"></translation>
+        <translation>Imprimer</translation>
     </message>
     <message>
         <source>Less than %1 of free space is left on this computer. Syncing will pause when the disk is full.</source>
-        <translation type="unfinished"></translation>
+        <translation>Il reste moins de %1 d&apos;espace libre sur cet ordinateur. La synchronisation sera suspendue lorsque le disque sera plein.</translation>
     </message>
     <message>
         <source>Details</source>
-        <translation type="unfinished"></translation>
+        <translation>Détails</translation>
     </message>
     <message>
         <source>Every week</source>
-        <translation type="unfinished"></translation>
+        <translation>Toutes les semaines</translation>
     </message>
     <message>
         <source>The connection to %1 was lost. Quillon keeps trying to reconnect.</source>
-        <translation type="unfinished"></translation>
+        <translation>La connexion à %1 a été perdue. Quillon continue d&apos;essayer de se reconnecter.</translation>
     </message>
     <message>
         <source>Welcome to the Quillon Installer</source>
-        <translation type="unfinished"></translation>
+        <translation>Bienvenue dans le programme d&apos;installation de Quillon</translation>
     </message>
     <message>
         <source>The changes made to [ProductName] take effect after your computer restarts. Click Yes to restart now or No to restart later.</source>
-        <translation type="unfinished"></translation>
+        <translation>Les modifications apportées à [ProductName] prendront effet après le redémarrage de votre ordinateur. Cliquez sur Oui pour redémarrer maintenant ou sur Non pour redémarrer plus tard.</translation>
     </message>
     <message>
         <source>Quick Start Guide</source>
-        <translation type="unfinished"></translation>
+        <translation>Guide de démarrage rapide</translation>
     </message>
     <message>
         <source>Icons on your files show whether they are synced, are being synced or have a problem that needs your attention.</source>
-        <translation type="unfinished"></translation>
+        <translation>Les icônes de vos fichiers indiquent s&apos;ils sont synchronisés, en cours de synchronisation ou s&apos;ils présentent un problème qui requiert votre attention.</translation>
     </message>
     <message>
         <source>Choose which server folders are kept on this computer with Selective Sync, and save space on a small disk.</source>
-        <translation type="unfinished"></translation>
+        <translation>Avec la synchronisation sélective, choisissez les dossiers du serveur à conserver sur cet ordinateur et économisez de l&apos;espace sur un petit disque.</translation>
     </message>
     <message>
         <source>Changes on either side are copied to the other side, including deletions.</source>
-        <translation type="unfinished"></translation>
+        <translation>Les modifications effectuées d&apos;un côté sont copiées de l&apos;autre, y compris les suppressions.</translation>
     </message>
     <message>
         <source>Copyright © 2024 Tessaril. All rights reserved.</source>
-        <translation type="unfinished"></translation>
+        <translation>Copyright © 2024 Tessaril. Tous droits réservés.</translation>
     </message>
     <message>
         <source>Account picture</source>
-        <translation type="unfinished"></translation>
+        <translation>Image du compte</translation>
     </message>
     <message>
         <source>Loading...</source>
-        <translation type="unfinished"></translation>
+        <translation>Chargement...</translation>
     </message>
     <message>
         <source>Read only</source>
-        <translation type="unfinished"></translation>
+        <translation>Lecture seule</translation>
     </message>
 </context>
 </TS>
