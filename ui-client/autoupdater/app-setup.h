@@ -7,6 +7,20 @@
 
 class QApplication;
 
+// Paths: registers "resource_path", "user_data_path" and "log_path", all
+// derived from the folder that holds the running executable.
+void initializePaths();
+// The same for a given executable folder; initializePaths() uses the running
+// program's own.
+void registerPaths(const QString &executable_dir);
+
+// A write to a closed socket or pipe must fail with an error, not end the run.
+void initializeSignalHandler();
+
+// Opens the rotating log file "auto_updater.log" in the log folder, with the
+// levels of the installation's log template. A failure only means no log.
+void initializeLogger();
+
 // Language: the embedded catalogue of the language chosen from the system
 // locale, as ":/<abbr>.qm".
 QString getCurrentLanguageFileName();
