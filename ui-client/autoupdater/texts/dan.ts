@@ -7,2607 +7,2607 @@
     <name>global</name>
     <message>
         <source>Open Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>Åbn mappe</translation>
     </message>
     <message>
         <source>This wizard installs [ProductName] on your computer. Click Next to continue or Cancel to exit the wizard.</source>
-        <translation type="unfinished"></translation>
+        <translation>Denne guide installerer [ProductName] på din computer. Klik på Næste for at fortsætte eller på Annuller for at afslutte guiden.</translation>
     </message>
     <message>
         <source>Folder on the server</source>
-        <translation type="unfinished"></translation>
+        <translation>Mappe på serveren</translation>
     </message>
     <message>
         <source>Automatic setup could not be completed because the settings provided by your administrator are incomplete or the server cannot be reached. Please set up the connection manually.</source>
-        <translation type="unfinished"></translation>
+        <translation>Den automatiske konfiguration kunne ikke gennemføres, fordi indstillingerne fra din administrator er ufuldstændige, eller fordi serveren ikke kan nås. Opret forbindelsen manuelt.</translation>
     </message>
     <message>
         <source>Files in %1 will be kept in sync with %2 on %3.</source>
-        <translation type="unfinished"></translation>
+        <translation>Filerne i %1 holdes synkroniseret med %2 på %3.</translation>
     </message>
     <message>
         <source>Expires on %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Udløber den %1</translation>
     </message>
     <message>
         <source>System default</source>
-        <translation type="unfinished"></translation>
+        <translation>Systemstandard</translation>
     </message>
     <message>
         <source>Next</source>
-        <translation type="unfinished"></translation>
+        <translation>Næste</translation>
     </message>
     <message>
         <source>Do you want to uninstall Quillon? Your synced files and the data on your server are not deleted.</source>
-        <translation type="unfinished"></translation>
+        <translation>Vil du afinstallere Quillon? Dine synkroniserede filer og dataene på din server bliver ikke slettet.</translation>
     </message>
     <message>
         <source>Plan name</source>
-        <translation type="unfinished"></translation>
+        <translation>Navn på plan</translation>
     </message>
     <message>
         <source>Quillon lives in the system tray. Click the icon to see what is being synced and to open your sync folder.</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon findes i systembakken. Klik på ikonet for at se, hvad der synkroniseres, og for at åbne din synkroniseringsmappe.</translation>
     </message>
     <message>
         <source>Clear all</source>
-        <translation type="unfinished"></translation>
+        <translation>Ryd alle</translation>
     </message>
     <message>
         <source>Schedule</source>
-        <translation type="unfinished"></translation>
+        <translation>Tidsplan</translation>
     </message>
     <message>
         <source>%1 was updated.</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 blev opdateret.</translation>
     </message>
     <message>
         <source>Exit</source>
-        <translation type="unfinished"></translation>
+        <translation>Afslut</translation>
     </message>
     <message>
         <source>The backup destination does not have enough free space. Free some space on the server or reduce the number of kept versions.</source>
-        <translation type="unfinished"></translation>
+        <translation>Backupmålet har ikke nok ledig plads. Frigør plads på serveren, eller reducer antallet af gemte versioner.</translation>
     </message>
     <message>
         <source>Changes on the server are copied to this computer. Local changes are not uploaded.</source>
-        <translation type="unfinished"></translation>
+        <translation>Ændringer på serveren kopieres til denne computer. Lokale ændringer uploades ikke.</translation>
     </message>
     <message>
         <source>Close</source>
-        <translation type="unfinished"></translation>
+        <translation>Luk</translation>
     </message>
     <message>
         <source>Display language</source>
-        <translation type="unfinished"></translation>
+        <translation>Visningssprog</translation>
     </message>
     <message>
         <source>Status:</source>
-        <translation type="unfinished"></translation>
+        <translation>Status:</translation>
     </message>
     <message>
         <source>Copy folders from this computer to the server on a schedule and keep earlier versions of every file.</source>
-        <translation type="unfinished"></translation>
+        <translation>Kopiér mapper fra denne computer til serveren efter en tidsplan, og gem tidligere versioner af hver fil.</translation>
     </message>
     <message>
         <source>Last synced: %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Senest synkroniseret: %1</translation>
     </message>
     <message>
         <source>Change Password...</source>
-        <translation type="unfinished"></translation>
+        <translation>Skift adgangskode...</translation>
     </message>
     <message>
         <source>The selected folder already contains files. They will be merged with the files on the server.</source>
-        <translation type="unfinished"></translation>
+        <translation>Den valgte mappe indeholder allerede filer. De bliver flettet sammen med filerne på serveren.</translation>
     </message>
     <message>
         <source>Up to date</source>
-        <translation type="unfinished"></translation>
+        <translation>Opdateret</translation>
     </message>
     <message>
         <source>Please enter your username.</source>
-        <translation type="unfinished"></translation>
+        <translation>Angiv dit brugernavn.</translation>
     </message>
     <message>
         <source>Connected through the relay service</source>
-        <translation type="unfinished"></translation>
+        <translation>Forbundet via relætjenesten</translation>
     </message>
     <message>
         <source>Pause</source>
-        <translation type="unfinished"></translation>
+        <translation>Sæt på pause</translation>
     </message>
     <message>
         <source>Sunday</source>
-        <translation type="unfinished"></translation>
+        <translation>søndag</translation>
     </message>
     <message>
         <source>Conflict</source>
-        <translation type="unfinished"></translation>
+        <translation>Konflikt</translation>
     </message>
     <message>
         <source>Quillon – syncing %1 files</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon – synkroniserer %1 filer</translation>
     </message>
     <message>
         <source>The certificate of this server is not trusted. It may be self-signed or issued by an unknown authority.</source>
-        <translation type="unfinished"></translation>
+        <translation>Serverens certifikat er ikke godkendt som pålideligt. Det kan være selvsigneret eller udstedt af en ukendt certificeringsmyndighed.</translation>
     </message>
     <message>
         <source>The path of this file is too long for the server. Move the file to a folder with a shorter path or give it a shorter name.</source>
-        <translation type="unfinished"></translation>
+        <translation>Stien til denne fil er for lang til serveren. Flyt filen til en mappe med en kortere sti, eller giv den et kortere navn.</translation>
     </message>
     <message>
         <source>Delete</source>
-        <translation type="unfinished"></translation>
+        <translation>Slet</translation>
     </message>
     <message>
         <source>Quillon has been set up by your administrator and is now syncing your files.</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon er blevet konfigureret af din administrator og synkroniserer nu dine filer.</translation>
     </message>
     <message>
         <source>Uploading %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Uploader %1</translation>
     </message>
     <message>
         <source>Hide password</source>
-        <translation type="unfinished"></translation>
+        <translation>Skjul adgangskode</translation>
     </message>
     <message>
         <source>Can view</source>
-        <translation type="unfinished"></translation>
+        <translation>Kan se</translation>
     </message>
     <message>
         <source>Setting up Quillon with the settings provided by your administrator. This takes only a moment.</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon konfigureres med indstillingerne fra din administrator. Det tager kun et øjeblik.</translation>
     </message>
     <message>
         <source>No proxy</source>
-        <translation type="unfinished"></translation>
+        <translation>Ingen proxy</translation>
     </message>
     <message>
         <source>Manual proxy configuration</source>
-        <translation type="unfinished"></translation>
+        <translation>Manuel proxykonfiguration</translation>
     </message>
     <message>
         <source>Changes on this computer are copied to the server. Changes on the server are not downloaded.</source>
-        <translation type="unfinished"></translation>
+        <translation>Ændringer på denne computer kopieres til serveren. Ændringer på serveren downloades ikke.</translation>
     </message>
     <message>
         <source>Please read the following license agreement carefully. You must accept the agreement to install the program.</source>
-        <translation type="unfinished"></translation>
+        <translation>Læs venligst følgende licensaftale omhyggeligt. Du skal acceptere aftalen for at installere programmet.</translation>
     </message>
     <message>
         <source>Expand folder</source>
-        <translation type="unfinished"></translation>
+        <translation>Udvid mappe</translation>
     </message>
     <message>
         <source>Versions are kept for %1 days. Older versions are removed automatically by the server.</source>
-        <translation type="unfinished"></translation>
+        <translation>Versioner gemmes i %1 dage. Ældre versioner fjernes automatisk af serveren.</translation>
     </message>
     <message>
         <source>Deleted</source>
-        <translation type="unfinished"></translation>
+        <translation>Slettet</translation>
     </message>
     <message>
         <source>Notifications</source>
-        <translation type="unfinished"></translation>
+        <translation>Meddelelser</translation>
     </message>
     <message>
         <source>Download</source>
-        <translation type="unfinished"></translation>
+        <translation>Hent</translation>
     </message>
     <message>
         <source>Sign In with Single Sign-On</source>
-        <translation type="unfinished"></translation>
+        <translation>Log på med enkeltlogon</translation>
     </message>
     <message>
         <source>Open in Browser</source>
-        <translation type="unfinished"></translation>
+        <translation>Åbn i browser</translation>
     </message>
     <message>
         <source>%1 GB</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 GB</translation>
     </message>
     <message>
         <source>Sync file permissions and attributes</source>
-        <translation type="unfinished"></translation>
+        <translation>Synkroniser filtilladelser og -attributter</translation>
     </message>
     <message>
         <source>Quillon cannot write to the sync folder. Check the permissions of the folder and that the disk is not read-only.</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon kan ikke skrive til synkroniseringsmappen. Kontrollér mappens tilladelser, og at disken ikke er skrivebeskyttet.</translation>
     </message>
     <message>
         <source>Version %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Version %1</translation>
     </message>
     <message>
         <source>July</source>
-        <translation type="unfinished"></translation>
+        <translation>juli</translation>
     </message>
     <message>
         <source>Show in Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>Vis i mappe</translation>
     </message>
     <message>
         <source>No connection has been set up yet. Click Add Connection to connect Quillon to your server.</source>
-        <translation type="unfinished"></translation>
+        <translation>Der er endnu ikke oprettet nogen forbindelse. Klik på Tilføj forbindelse for at forbinde Quillon med din server.</translation>
     </message>
     <message>
         <source>Paused</source>
-        <translation type="unfinished"></translation>
+        <translation>Sat på pause</translation>
     </message>
     <message>
         <source>Pause until I resume</source>
-        <translation type="unfinished"></translation>
+        <translation>Sæt på pause, indtil jeg genoptager</translation>
     </message>
     <message>
         <source>Unable to connect to the server. Please check the server address and your network connection, and make sure that a firewall does not block Quillon.</source>
-        <translation type="unfinished"></translation>
+        <translation>Der kan ikke oprettes forbindelse til serveren. Kontrollér serveradressen og din netværksforbindelse, og sørg for, at en firewall ikke blokerer Quillon.</translation>
     </message>
     <message>
         <source>Internal link for users of this server. Only users who already have access can open it.</source>
-        <translation type="unfinished"></translation>
+        <translation>Internt link til brugere af denne server. Kun brugere, der allerede har adgang, kan åbne det.</translation>
     </message>
     <message>
         <source>Choose a folder on this computer</source>
-        <translation type="unfinished"></translation>
+        <translation>Vælg en mappe på denne computer</translation>
     </message>
     <message>
         <source>Sign Out</source>
-        <translation type="unfinished"></translation>
+        <translation>Log af</translation>
     </message>
     <message>
         <source>Files appear on this computer but take up no space until you open them. Files you open are downloaded and kept up to date.</source>
-        <translation type="unfinished"></translation>
+        <translation>Filerne vises på denne computer, men optager ikke plads, før du åbner dem. Filer, du åbner, downloades og holdes opdaterede.</translation>
     </message>
     <message>
         <source>Quillon main window</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillons hovedvindue</translation>
     </message>
     <message>
         <source>The server folder of this sync session no longer exists. It may have been renamed or deleted by another user.</source>
-        <translation type="unfinished"></translation>
+        <translation>Serverens mappe for denne synkroniseringssession findes ikke længere. Den kan være blevet omdøbt eller slettet af en anden bruger.</translation>
     </message>
     <message>
         <source>Show More</source>
-        <translation type="unfinished"></translation>
+        <translation>Vis mere</translation>
     </message>
     <message>
         <source>Remember password</source>
-        <translation type="unfinished"></translation>
+        <translation>Husk adgangskode</translation>
     </message>
     <message>
         <source>Open With...</source>
-        <translation type="unfinished"></translation>
+        <translation>Åbn med...</translation>
     </message>
     <message>
         <source>Thank you for your feedback. It helps us make Quillon better.</source>
-        <translation type="unfinished"></translation>
+        <translation>Tak for din feedback. Den hjælper os med at gøre Quillon bedre.</translation>
     </message>
     <message>
         <source>Copy</source>
-        <translation type="unfinished"></translation>
+        <translation>Kopiér</translation>
     </message>
     <message>
         <source>Verification code</source>
-        <translation type="unfinished"></translation>
+        <translation>Bekræftelseskode</translation>
     </message>
     <message>
         <source>Yes</source>
-        <translation type="unfinished"></translation>
+        <translation>Ja</translation>
     </message>
     <message>
         <source>The connection is not encrypted. Anyone on the network can read the transferred data.</source>
-        <translation type="unfinished"></translation>
+        <translation>Forbindelsen er ikke krypteret. Alle på netværket kan læse de overførte data.</translation>
     </message>
     <message>
         <source>Scanning</source>
-        <translation type="unfinished"></translation>
+        <translation>Scanner</translation>
     </message>
     <message>
         <source>Compare</source>
-        <translation type="unfinished"></translation>
+        <translation>Sammenlign</translation>
     </message>
     <message>
         <source>Account</source>
-        <translation type="unfinished"></translation>
+        <translation>Konto</translation>
     </message>
     <message>
         <source>Modified</source>
-        <translation type="unfinished"></translation>
+        <translation>Ændret</translation>
     </message>
     <message>
         <source>Cancel</source>
-        <translation type="unfinished"></translation>
+        <translation>Annuller</translation>
     </message>
     <message>
         <source>Proxy Settings</source>
-        <translation type="unfinished"></translation>
+        <translation>Proxyindstillinger</translation>
     </message>
     <message>
         <source>The file history could not be loaded. Check your connection to the server and try again.</source>
-        <translation type="unfinished"></translation>
+        <translation>Filhistorikken kunne ikke indlæses. Kontrollér din forbindelse til serveren, og prøv igen.</translation>
     </message>
     <message>
         <source>Size</source>
-        <translation type="unfinished"></translation>
+        <translation>Størrelse</translation>
     </message>
     <message>
         <source>Copying the new files</source>
-        <translation type="unfinished"></translation>
+        <translation>Kopierer de nye filer</translation>
     </message>
     <message>
         <source>This file has no earlier versions.</source>
-        <translation type="unfinished"></translation>
+        <translation>Denne fil har ingen tidligere versioner.</translation>
     </message>
     <message>
         <source>Revision %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Revision %1</translation>
     </message>
     <message>
         <source>Trust this certificate</source>
-        <translation type="unfinished"></translation>
+        <translation>Hav tillid til dette certifikat</translation>
     </message>
     <message>
         <source>Settings</source>
-        <translation type="unfinished"></translation>
+        <translation>Indstillinger</translation>
     </message>
     <message>
         <source>Removes the program from your computer. Your synced files stay in place on this computer and on the server.</source>
-        <translation type="unfinished"></translation>
+        <translation>Fjerner programmet fra din computer. Dine synkroniserede filer bliver, hvor de er, på denne computer og på serveren.</translation>
     </message>
     <message>
         <source>%1 KB</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 KB</translation>
     </message>
     <message>
         <source>Quillon – offline</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon – offline</translation>
     </message>
     <message>
         <source>Are you sure you want to cancel the installation? The program will not be installed.</source>
-        <translation type="unfinished"></translation>
+        <translation>Er du sikker på, at du vil annullere installationen? Programmet bliver ikke installeret.</translation>
     </message>
     <message>
         <source>Name</source>
-        <translation type="unfinished"></translation>
+        <translation>Navn</translation>
     </message>
     <message>
         <source>The file has been restored.</source>
-        <translation type="unfinished"></translation>
+        <translation>Filen er blevet gendannet.</translation>
     </message>
     <message>
         <source>Never synced</source>
-        <translation type="unfinished"></translation>
+        <translation>Aldrig synkroniseret</translation>
     </message>
     <message>
         <source>Select all</source>
-        <translation type="unfinished"></translation>
+        <translation>Vælg alle</translation>
     </message>
     <message>
         <source>Pause for 8 hours</source>
-        <translation type="unfinished"></translation>
+        <translation>Sæt på pause i 8 timer</translation>
     </message>
     <message>
         <source>Finish</source>
-        <translation type="unfinished"></translation>
+        <translation>Udfør</translation>
     </message>
     <message>
         <source>Remove Connection</source>
-        <translation type="unfinished"></translation>
+        <translation>Fjern forbindelse</translation>
     </message>
     <message>
         <source>Your storage quota on the server is used up. Delete files on the server or ask your administrator for more space to continue syncing.</source>
-        <translation type="unfinished"></translation>
+        <translation>Din lagerkvote på serveren er opbrugt. Slet filer på serveren, eller bed din administrator om mere plads for at fortsætte synkroniseringen.</translation>
     </message>
     <message>
         <source>Edit Session</source>
-        <translation type="unfinished"></translation>
+        <translation>Rediger session</translation>
     </message>
     <message>
         <source>You need administrator rights to install this program for all users. Sign in as an administrator or install it for your account only.</source>
-        <translation type="unfinished"></translation>
+        <translation>Du skal have administratorrettigheder for at installere dette program for alle brugere. Log på som administrator, eller installer det kun for din egen konto.</translation>
     </message>
     <message>
         <source>Select a server</source>
-        <translation type="unfinished"></translation>
+        <translation>Vælg en server</translation>
     </message>
     <message>
         <source>Tell us what went wrong or what you would like to see in Quillon. Attach the logs if you report a problem, so that we can find its cause more quickly.</source>
-        <translation type="unfinished"></translation>
+        <translation>Fortæl os, hvad der gik galt, eller hvad du gerne vil se i Quillon. Vedhæft logfilerne, hvis du rapporterer et problem, så vi hurtigere kan finde årsagen.</translation>
     </message>
     <message>
         <source>Syncing %1 of %2 files</source>
-        <translation type="unfinished"></translation>
+        <translation>Synkroniserer %1 af %2 filer</translation>
     </message>
     <message>
         <source>Back</source>
-        <translation type="unfinished"></translation>
+        <translation>Tilbage</translation>
     </message>
     <message>
         <source>Sync complete</source>
-        <translation type="unfinished"></translation>
+        <translation>Synkronisering fuldført</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Repairing [ProductName]</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}Reparerer [ProductName]</translation>
     </message>
     <message>
         <source>Add Session</source>
-        <translation type="unfinished"></translation>
+        <translation>Tilføj session</translation>
     </message>
     <message>
         <source>Your password was changed on the server. Please sign in again with the new password to continue syncing.</source>
-        <translation type="unfinished"></translation>
+        <translation>Din adgangskode er blevet ændret på serveren. Log på igen med den nye adgangskode for at fortsætte synkroniseringen.</translation>
     </message>
     <message>
         <source>The logs could not be exported. Check that the destination folder is writable.</source>
-        <translation type="unfinished"></translation>
+        <translation>Logfilerne kunne ikke eksporteres. Kontrollér, at der kan skrives til destinationsmappen.</translation>
     </message>
     <message>
         <source>Link password</source>
-        <translation type="unfinished"></translation>
+        <translation>Adgangskode til link</translation>
     </message>
     <message>
         <source>Server path</source>
-        <translation type="unfinished"></translation>
+        <translation>Sti på serveren</translation>
     </message>
     <message>
         <source>The backup task %1 failed. Open the backup plan to see which files could not be copied.</source>
-        <translation type="unfinished"></translation>
+        <translation>Backupopgaven %1 mislykkedes. Åbn backupplanen for at se, hvilke filer der ikke kunne kopieres.</translation>
     </message>
     <message>
         <source>Sign In</source>
-        <translation type="unfinished"></translation>
+        <translation>Log på</translation>
     </message>
     <message>
         <source>You do not have permission to access this folder. Ask the owner of the folder or your administrator to grant you access.</source>
-        <translation type="unfinished"></translation>
+        <translation>Du har ikke tilladelse til at få adgang til denne mappe. Bed mappens ejer eller din administrator om at give dig adgang.</translation>
     </message>
     <message>
         <source>Dismiss notification</source>
-        <translation type="unfinished"></translation>
+        <translation>Afvis meddelelse</translation>
     </message>
     <message>
         <source>The marked volumes do not have enough free space for the program. Free some space on them or choose a destination folder on another volume.</source>
-        <translation type="unfinished"></translation>
+        <translation>De markerede diskenheder har ikke nok ledig plads til programmet. Frigør plads på dem, eller vælg en destinationsmappe på en anden diskenhed.</translation>
     </message>
     <message>
         <source>Choose a folder on the server</source>
-        <translation type="unfinished"></translation>
+        <translation>Vælg en mappe på serveren</translation>
     </message>
     <message>
         <source>%1 is in use by another program and cannot be synced now. Quillon will try again when the file is closed.</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 bruges af et andet program og kan ikke synkroniseres lige nu. Quillon prøver igen, når filen er lukket.</translation>
     </message>
     <message>
         <source>Calculating size...</source>
-        <translation type="unfinished"></translation>
+        <translation>Beregner størrelse...</translation>
     </message>
     <message>
         <source>Full control</source>
-        <translation type="unfinished"></translation>
+        <translation>Fuld kontrol</translation>
     </message>
     <message>
         <source>Verifying your account...</source>
-        <translation type="unfinished"></translation>
+        <translation>Bekræfter din konto...</translation>
     </message>
     <message>
         <source>Connecting...</source>
-        <translation type="unfinished"></translation>
+        <translation>Opretter forbindelse...</translation>
     </message>
     <message>
         <source>Can edit</source>
-        <translation type="unfinished"></translation>
+        <translation>Kan redigere</translation>
     </message>
     <message>
         <source>View File History</source>
-        <translation type="unfinished"></translation>
+        <translation>Vis filhistorik</translation>
     </message>
     <message>
         <source>Do you want to pause syncing for all sessions? Changes are synced again once you resume.</source>
-        <translation type="unfinished"></translation>
+        <translation>Vil du sætte synkroniseringen på pause for alle sessioner? Ændringerne synkroniseres igen, når du genoptager.</translation>
     </message>
     <message>
         <source>Always Keep on This Computer</source>
-        <translation type="unfinished"></translation>
+        <translation>Behold altid på denne computer</translation>
     </message>
     <message>
         <source>No matching files found.</source>
-        <translation type="unfinished"></translation>
+        <translation>Der blev ikke fundet nogen matchende filer.</translation>
     </message>
     <message>
         <source>Keep files on the server when they are deleted on this computer</source>
-        <translation type="unfinished"></translation>
+        <translation>Behold filer på serveren, når de slettes på denne computer</translation>
     </message>
     <message>
         <source>Loading folder list...</source>
-        <translation type="unfinished"></translation>
+        <translation>Indlæser mappeliste...</translation>
     </message>
     <message>
         <source>Your sign-in has expired. Please sign in again to continue syncing.</source>
-        <translation type="unfinished"></translation>
+        <translation>Dit login er udløbet. Log på igen for at fortsætte synkroniseringen.</translation>
     </message>
     <message>
         <source>Port</source>
-        <translation type="unfinished"></translation>
+        <translation>Port</translation>
     </message>
     <message>
         <source>Repair</source>
-        <translation type="unfinished"></translation>
+        <translation>Reparer</translation>
     </message>
     <message>
         <source>File extension</source>
-        <translation type="unfinished"></translation>
+        <translation>Filtype</translation>
     </message>
     <message>
         <source>Show Quillon</source>
-        <translation type="unfinished"></translation>
+        <translation>Vis Quillon</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Ready to Install</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}Klar til installation</translation>
     </message>
     <message>
         <source>Skipped</source>
-        <translation type="unfinished"></translation>
+        <translation>Sprunget over</translation>
     </message>
     <message>
         <source>January</source>
-        <translation type="unfinished"></translation>
+        <translation>januar</translation>
     </message>
     <message>
         <source>Add Connection</source>
-        <translation type="unfinished"></translation>
+        <translation>Tilføj forbindelse</translation>
     </message>
     <message>
         <source>Created</source>
-        <translation type="unfinished"></translation>
+        <translation>Oprettet</translation>
     </message>
     <message>
         <source>Last backup: %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Seneste backup: %1</translation>
     </message>
     <message>
         <source>An unknown error occurred. If this happens again, export the logs and contact support.</source>
-        <translation type="unfinished"></translation>
+        <translation>Der opstod en ukendt fejl. Hvis det sker igen, skal du eksportere logfilerne og kontakte support.</translation>
     </message>
     <message>
         <source>Minimize</source>
-        <translation type="unfinished"></translation>
+        <translation>Minimer</translation>
     </message>
     <message>
         <source>Quillon – paused</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon – sat på pause</translation>
     </message>
     <message>
         <source>Join the beta program</source>
-        <translation type="unfinished"></translation>
+        <translation>Deltag i betaprogrammet</translation>
     </message>
     <message>
         <source>Sync direction</source>
-        <translation type="unfinished"></translation>
+        <translation>Synkroniseringsretning</translation>
     </message>
     <message>
         <source>The first sync can take a while, depending on the number and size of your files. You can keep working in the meantime.</source>
-        <translation type="unfinished"></translation>
+        <translation>Den første synkronisering kan tage et stykke tid, afhængigt af antallet og størrelsen af dine filer. Du kan arbejde videre imens.</translation>
     </message>
     <message>
         <source>%1/s</source>
-        <translation type="unfinished"></translation>
+        <translation>%1/s</translation>
     </message>
     <message>
         <source>Quillon Updater</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon-opdateringsværktøj</translation>
     </message>
     <message>
         <source>No access</source>
-        <translation type="unfinished"></translation>
+        <translation>Ingen adgang</translation>
     </message>
     <message>
         <source>Save</source>
-        <translation type="unfinished"></translation>
+        <translation>Gem</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Removing [ProductName]</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}Fjerner [ProductName]</translation>
     </message>
     <message>
         <source>Skip tour</source>
-        <translation type="unfinished"></translation>
+        <translation>Spring rundvisningen over</translation>
     </message>
     <message>
         <source>The folder holds more than %1 items, which is the limit of a sync session. Use Selective Sync to sync fewer folders.</source>
-        <translation type="unfinished"></translation>
+        <translation>Mappen indeholder mere end %1 elementer, hvilket er grænsen for en synkroniseringssession. Brug Selektiv synkronisering til at synkronisere færre mapper.</translation>
     </message>
     <message>
         <source>Folders you clear will be removed from this computer. Their copies on the server are kept and can be selected again at any time.</source>
-        <translation type="unfinished"></translation>
+        <translation>Mapper, du fravælger, fjernes fra denne computer. Deres kopier på serveren bevares og kan til enhver tid vælges igen.</translation>
     </message>
     <message>
         <source>Next backup: %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Næste backup: %1</translation>
     </message>
     <message>
         <source>Preview only</source>
-        <translation type="unfinished"></translation>
+        <translation>Kun forhåndsvisning</translation>
     </message>
     <message>
         <source>A secure connection to the server could not be established. The server may not support the required encryption.</source>
-        <translation type="unfinished"></translation>
+        <translation>Der kunne ikke oprettes en sikker forbindelse til serveren. Serveren understøtter muligvis ikke den krævede kryptering.</translation>
     </message>
     <message>
         <source>Limit how fast Quillon uploads and downloads so that other programs keep enough bandwidth. The limits apply to all sync sessions together.</source>
-        <translation type="unfinished"></translation>
+        <translation>Begræns, hvor hurtigt Quillon uploader og downloader, så andre programmer har nok båndbredde. Grænserne gælder for alle synkroniseringssessioner tilsammen.</translation>
     </message>
     <message>
         <source>Syncing...</source>
-        <translation type="unfinished"></translation>
+        <translation>Synkroniserer...</translation>
     </message>
     <message>
         <source>Offline</source>
-        <translation type="unfinished"></translation>
+        <translation>Offline</translation>
     </message>
     <message>
         <source>The sync folder is on a removable drive that is not connected. Syncing resumes when the drive is connected again.</source>
-        <translation type="unfinished"></translation>
+        <translation>Synkroniseringsmappen ligger på et flytbart drev, der ikke er tilsluttet. Synkroniseringen genoptages, når drevet tilsluttes igen.</translation>
     </message>
     <message>
         <source>Send Feedback</source>
-        <translation type="unfinished"></translation>
+        <translation>Send feedback</translation>
     </message>
     <message>
         <source>Two-way sync</source>
-        <translation type="unfinished"></translation>
+        <translation>Tovejssynkronisering</translation>
     </message>
     <message>
         <source>Total size of the selected folders: %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Samlet størrelse af de valgte mapper: %1</translation>
     </message>
     <message>
         <source>Apply</source>
-        <translation type="unfinished"></translation>
+        <translation>Anvend</translation>
     </message>
     <message>
         <source>Please enter the server address.</source>
-        <translation type="unfinished"></translation>
+        <translation>Angiv serveradressen.</translation>
     </message>
     <message>
         <source>Two-Step Verification</source>
-        <translation type="unfinished"></translation>
+        <translation>Totrinsbekræftelse</translation>
     </message>
     <message>
         <source>Your files are up to date.</source>
-        <translation type="unfinished"></translation>
+        <translation>Dine filer er opdaterede.</translation>
     </message>
     <message>
         <source>Open Web Portal</source>
-        <translation type="unfinished"></translation>
+        <translation>Åbn webportal</translation>
     </message>
     <message>
         <source>Signed in as %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Logget på som %1</translation>
     </message>
     <message>
         <source>Destination</source>
-        <translation type="unfinished"></translation>
+        <translation>Mål</translation>
     </message>
     <message>
         <source>On these days</source>
-        <translation type="unfinished"></translation>
+        <translation>På disse dage</translation>
     </message>
     <message>
         <source>Create a new folder</source>
-        <translation type="unfinished"></translation>
+        <translation>Opret en ny mappe</translation>
     </message>
     <message>
         <source>System folders, such as the root folder or the folder of a program, cannot be used as sync folders.</source>
-        <translation type="unfinished"></translation>
+        <translation>Systemmapper, f.eks. rodmappen eller et programs mappe, kan ikke bruges som synkroniseringsmapper.</translation>
     </message>
     <message>
         <source>What&apos;s New</source>
-        <translation type="unfinished"></translation>
+        <translation>Nyheder</translation>
     </message>
     <message>
         <source>Run Quillon</source>
-        <translation type="unfinished"></translation>
+        <translation>Kør Quillon</translation>
     </message>
     <message>
         <source>Create Link</source>
-        <translation type="unfinished"></translation>
+        <translation>Opret link</translation>
     </message>
     <message>
         <source>Start the client when I sign in to Windows</source>
-        <translation type="unfinished"></translation>
+        <translation>Start klienten, når jeg logger på Windows</translation>
     </message>
     <message>
         <source>List of files</source>
-        <translation type="unfinished"></translation>
+        <translation>Liste over filer</translation>
     </message>
     <message>
         <source>Do you want to stop the setup? Nothing will be synced until a sync session is set up. You can run the setup again from the tray menu.</source>
-        <translation type="unfinished"></translation>
+        <translation>Vil du afbryde konfigurationen? Intet bliver synkroniseret, før der er oprettet en synkroniseringssession. Du kan køre konfigurationen igen fra menuen i systembakken.</translation>
     </message>
     <message>
         <source>Folder tree</source>
-        <translation type="unfinished"></translation>
+        <translation>Mappetræ</translation>
     </message>
     <message>
         <source>Limit upload speed</source>
-        <translation type="unfinished"></translation>
+        <translation>Begræns uploadhastighed</translation>
     </message>
     <message>
         <source>The file could not be opened.</source>
-        <translation type="unfinished"></translation>
+        <translation>Filen kunne ikke åbnes.</translation>
     </message>
     <message>
         <source>File Filter...</source>
-        <translation type="unfinished"></translation>
+        <translation>Filfilter...</translation>
     </message>
     <message>
         <source>Disconnected</source>
-        <translation type="unfinished"></translation>
+        <translation>Afbrudt</translation>
     </message>
     <message>
         <source>Install</source>
-        <translation type="unfinished"></translation>
+        <translation>Installer</translation>
     </message>
     <message>
         <source>I accept the terms of the license agreement</source>
-        <translation type="unfinished"></translation>
+        <translation>Jeg accepterer vilkårene i licensaftalen</translation>
     </message>
     <message>
         <source>%1 shared %2 with you. It is available in your sync folder.</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 har delt %2 med dig. Elementet er tilgængeligt i din synkroniseringsmappe.</translation>
     </message>
     <message>
         <source>Include the sync database</source>
-        <translation type="unfinished"></translation>
+        <translation>Medtag synkroniseringsdatabasen</translation>
     </message>
     <message>
         <source>Step %1 of %2</source>
-        <translation type="unfinished"></translation>
+        <translation>Trin %1 af %2</translation>
     </message>
     <message>
         <source>Files are shown as placeholders and downloaded when you open them. Placeholders take up almost no space on this computer. Right-click a file to keep it available offline.</source>
-        <translation type="unfinished"></translation>
+        <translation>Filerne vises som pladsholdere og downloades, når du åbner dem. Pladsholdere optager næsten ingen plads på denne computer. Højreklik på en fil for at gøre den tilgængelig offline.</translation>
     </message>
     <message>
         <source>Address</source>
-        <translation type="unfinished"></translation>
+        <translation>Adresse</translation>
     </message>
     <message>
         <source>Create a shortcut on the desktop</source>
-        <translation type="unfinished"></translation>
+        <translation>Opret en genvej på skrivebordet</translation>
     </message>
     <message>
         <source>Reconnecting...</source>
-        <translation type="unfinished"></translation>
+        <translation>Genopretter forbindelse...</translation>
     </message>
     <message>
         <source>The verification code is incorrect or has expired. Check that the clock of your phone is set correctly and try again.</source>
-        <translation type="unfinished"></translation>
+        <translation>Bekræftelseskoden er forkert eller udløbet. Kontrollér, at uret på din telefon er indstillet korrekt, og prøv igen.</translation>
     </message>
     <message>
         <source>Sync sessions tab</source>
-        <translation type="unfinished"></translation>
+        <translation>Fanen Synkroniseringssessioner</translation>
     </message>
     <message>
         <source>Keep the server version</source>
-        <translation type="unfinished"></translation>
+        <translation>Behold serverversionen</translation>
     </message>
     <message>
         <source>Quillon Setup Is Complete</source>
-        <translation type="unfinished"></translation>
+        <translation>Installationen af Quillon er fuldført</translation>
     </message>
     <message>
         <source>When a file changes on both sides at the same time, Quillon keeps both versions so that no work is lost.</source>
-        <translation type="unfinished"></translation>
+        <translation>Når en fil ændres begge steder på samme tid, beholder Quillon begge versioner, så intet arbejde går tabt.</translation>
     </message>
     <message>
         <source>Open local folder</source>
-        <translation type="unfinished"></translation>
+        <translation>Åbn lokal mappe</translation>
     </message>
     <message>
         <source>Deleted Files</source>
-        <translation type="unfinished"></translation>
+        <translation>Slettede filer</translation>
     </message>
     <message>
         <source>The Setup Wizard is removing the program. Your synced files are not touched.</source>
-        <translation type="unfinished"></translation>
+        <translation>Installationsguiden fjerner programmet. Dine synkroniserede filer berøres ikke.</translation>
     </message>
     <message>
         <source>Open Server Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>Åbn servermappe</translation>
     </message>
     <message>
         <source>The link has been copied to the clipboard. Paste it into an email or a chat message to share it.</source>
-        <translation type="unfinished"></translation>
+        <translation>Linket er kopieret til udklipsholderen. Indsæt det i en e-mail eller en chatbesked for at dele det.</translation>
     </message>
     <message>
         <source>You are running the latest version of Quillon.</source>
-        <translation type="unfinished"></translation>
+        <translation>Du kører den nyeste version af Quillon.</translation>
     </message>
     <message>
         <source>Create Backup Plan</source>
-        <translation type="unfinished"></translation>
+        <translation>Opret backupplan</translation>
     </message>
     <message>
         <source>Advanced Settings</source>
-        <translation type="unfinished"></translation>
+        <translation>Avancerede indstillinger</translation>
     </message>
     <message>
         <source>This version is no longer available on the server. It may have been removed by the version retention policy.</source>
-        <translation type="unfinished"></translation>
+        <translation>Denne version er ikke længere tilgængelig på serveren. Den kan være blevet fjernet af politikken for opbevaring af versioner.</translation>
     </message>
     <message>
         <source>Folder on this computer</source>
-        <translation type="unfinished"></translation>
+        <translation>Mappe på denne computer</translation>
     </message>
     <message>
         <source>Server address</source>
-        <translation type="unfinished"></translation>
+        <translation>Serveradresse</translation>
     </message>
     <message>
         <source>Restoring...</source>
-        <translation type="unfinished"></translation>
+        <translation>Gendanner...</translation>
     </message>
     <message>
         <source>Right-click a file or folder and choose Share to send a link to anyone, even to people without an account.</source>
-        <translation type="unfinished"></translation>
+        <translation>Højreklik på en fil eller mappe, og vælg Del for at sende et link til hvem som helst, også til personer uden en konto.</translation>
     </message>
     <message>
         <source>Create Sync Session</source>
-        <translation type="unfinished"></translation>
+        <translation>Opret synkroniseringssession</translation>
     </message>
     <message>
         <source>The file is larger than the maximum file size allowed by the server and will not be uploaded.</source>
-        <translation type="unfinished"></translation>
+        <translation>Filen er større end den maksimale filstørrelse, serveren tillader, og bliver ikke uploadet.</translation>
     </message>
     <message>
         <source>Friday</source>
-        <translation type="unfinished"></translation>
+        <translation>fredag</translation>
     </message>
     <message>
         <source>Recent Activity</source>
-        <translation type="unfinished"></translation>
+        <translation>Seneste aktivitet</translation>
     </message>
     <message>
         <source>Back Up Now</source>
-        <translation type="unfinished"></translation>
+        <translation>Tag backup nu</translation>
     </message>
     <message>
         <source>The file filter has changed. Files that no longer match will be removed from this computer but stay on the server.</source>
-        <translation type="unfinished"></translation>
+        <translation>Filfilteret er ændret. Filer, der ikke længere matcher, fjernes fra denne computer, men bliver på serveren.</translation>
     </message>
     <message>
         <source>Later</source>
-        <translation type="unfinished"></translation>
+        <translation>Senere</translation>
     </message>
     <message>
         <source>%1 could not be renamed to %2. An item with that name may already exist.</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 kunne ikke omdøbes til %2. Der findes muligvis allerede et element med det navn.</translation>
     </message>
     <message>
         <source>Show desktop notifications</source>
-        <translation type="unfinished"></translation>
+        <translation>Vis skrivebordsmeddelelser</translation>
     </message>
     <message>
         <source>Warning</source>
-        <translation type="unfinished"></translation>
+        <translation>Advarsel</translation>
     </message>
     <message>
         <source>Files that match these rules are neither uploaded nor downloaded. Files on the server that match a rule are left untouched.</source>
-        <translation type="unfinished"></translation>
+        <translation>Filer, der matcher disse regler, hverken uploades eller downloades. Filer på serveren, der matcher en regel, forbliver urørte.</translation>
     </message>
     <message>
         <source>Version</source>
-        <translation type="unfinished"></translation>
+        <translation>Version</translation>
     </message>
     <message>
         <source>Please enter a valid email address.</source>
-        <translation type="unfinished"></translation>
+        <translation>Angiv en gyldig e-mailadresse.</translation>
     </message>
     <message>
         <source>%1 was deleted on the server and has been moved to the recycle bin of this computer.</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 blev slettet på serveren og er flyttet til papirkurven på denne computer.</translation>
     </message>
     <message>
         <source>The relay service could not reach your server. Make sure the server is online and the relay service is enabled on it.</source>
-        <translation type="unfinished"></translation>
+        <translation>Relætjenesten kunne ikke nå din server. Sørg for, at serveren er online, og at relætjenesten er aktiveret på den.</translation>
     </message>
     <message>
         <source>General</source>
-        <translation type="unfinished"></translation>
+        <translation>Generelt</translation>
     </message>
     <message>
         <source>Keep a folder on this computer in sync with a folder on the server. Changes on either side are copied to the other.</source>
-        <translation type="unfinished"></translation>
+        <translation>Hold en mappe på denne computer synkroniseret med en mappe på serveren. Ændringer på den ene side kopieres til den anden.</translation>
     </message>
     <message>
         <source>Syncing resumes automatically in %1 minutes.</source>
-        <translation type="unfinished"></translation>
+        <translation>Synkroniseringen genoptages automatisk om %1 minutter.</translation>
     </message>
     <message>
         <source>Clear search</source>
-        <translation type="unfinished"></translation>
+        <translation>Ryd søgning</translation>
     </message>
     <message>
         <source>Forgot your password?</source>
-        <translation type="unfinished"></translation>
+        <translation>Har du glemt din adgangskode?</translation>
     </message>
     <message>
         <source>Help</source>
-        <translation type="unfinished"></translation>
+        <translation>Hjælp</translation>
     </message>
     <message>
         <source>Browse...</source>
-        <translation type="unfinished"></translation>
+        <translation>Gennemse...</translation>
     </message>
     <message>
         <source>Add Rule</source>
-        <translation type="unfinished"></translation>
+        <translation>Tilføj regel</translation>
     </message>
     <message>
         <source>Selective Sync</source>
-        <translation type="unfinished"></translation>
+        <translation>Selektiv synkronisering</translation>
     </message>
     <message>
         <source>%1 items</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 elementer</translation>
     </message>
     <message>
         <source>The certificate of this server could not be verified. Someone may be impersonating the server to read your files or your password. Continue only if you trust this network and the server.</source>
-        <translation type="unfinished"></translation>
+        <translation>Serverens certifikat kunne ikke bekræftes. Nogen udgiver sig muligvis for at være serveren for at læse dine filer eller din adgangskode. Fortsæt kun, hvis du har tillid til dette netværk og serveren.</translation>
     </message>
     <message>
         <source>About Quillon</source>
-        <translation type="unfinished"></translation>
+        <translation>Om Quillon</translation>
     </message>
     <message>
         <source>Every day</source>
-        <translation type="unfinished"></translation>
+        <translation>Hver dag</translation>
     </message>
     <message>
         <source>Look in:</source>
-        <translation type="unfinished"></translation>
+        <translation>Søg i:</translation>
     </message>
     <message>
         <source>Volume</source>
-        <translation type="unfinished"></translation>
+        <translation>Diskenhed</translation>
     </message>
     <message>
         <source>Sync This Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>Synkroniser denne mappe</translation>
     </message>
     <message>
         <source>Syncing</source>
-        <translation type="unfinished"></translation>
+        <translation>Synkroniserer</translation>
     </message>
     <message>
         <source>Download progress</source>
-        <translation type="unfinished"></translation>
+        <translation>Downloadforløb</translation>
     </message>
     <message>
         <source>Upload only</source>
-        <translation type="unfinished"></translation>
+        <translation>Kun upload</translation>
     </message>
     <message>
         <source>Attach the log files to help us find the cause of the problem</source>
-        <translation type="unfinished"></translation>
+        <translation>Vedhæft logfilerne for at hjælpe os med at finde årsagen til problemet</translation>
     </message>
     <message>
         <source>Copy Link</source>
-        <translation type="unfinished"></translation>
+        <translation>Kopiér link</translation>
     </message>
     <message>
         <source>Use an encrypted connection (HTTPS)</source>
-        <translation type="unfinished"></translation>
+        <translation>Brug en krypteret forbindelse (HTTPS)</translation>
     </message>
     <message>
         <source>Launch [ProductName]</source>
-        <translation type="unfinished"></translation>
+        <translation>Start [ProductName]</translation>
     </message>
     <message>
         <source>The local folder of this sync session no longer exists. Restore the folder or choose a new one in the session settings.</source>
-        <translation type="unfinished"></translation>
+        <translation>Den lokale mappe for denne synkroniseringssession findes ikke længere. Gendan mappen, eller vælg en ny i sessionsindstillingerne.</translation>
     </message>
     <message>
         <source>General tab</source>
-        <translation type="unfinished"></translation>
+        <translation>Fanen Generelt</translation>
     </message>
     <message>
         <source>Install updates automatically</source>
-        <translation type="unfinished"></translation>
+        <translation>Installer opdateringer automatisk</translation>
     </message>
     <message>
         <source>File History</source>
-        <translation type="unfinished"></translation>
+        <translation>Filhistorik</translation>
     </message>
     <message>
         <source>Trust this computer</source>
-        <translation type="unfinished"></translation>
+        <translation>Hav tillid til denne computer</translation>
     </message>
     <message>
         <source>Thursday</source>
-        <translation type="unfinished"></translation>
+        <translation>torsdag</translation>
     </message>
     <message>
         <source>Folder name:</source>
-        <translation type="unfinished"></translation>
+        <translation>Mappenavn:</translation>
     </message>
     <message>
         <source>%1 of %2</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 af %2</translation>
     </message>
     <message>
         <source>Quillon %1 is available.</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon %1 er tilgængelig.</translation>
     </message>
     <message>
         <source>%1 bytes</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 byte</translation>
     </message>
     <message>
         <source>Check for updates automatically</source>
-        <translation type="unfinished"></translation>
+        <translation>Søg automatisk efter opdateringer</translation>
     </message>
     <message>
         <source>Loading versions...</source>
-        <translation type="unfinished"></translation>
+        <translation>Indlæser versioner...</translation>
     </message>
     <message>
         <source>The maximum number of sync sessions for this connection has been reached. Remove a session before you create a new one.</source>
-        <translation type="unfinished"></translation>
+        <translation>Det maksimale antal synkroniseringssessioner for denne forbindelse er nået. Fjern en session, før du opretter en ny.</translation>
     </message>
     <message>
         <source>Quillon will be installed in the folder below. To choose another folder, click Browse. Click Install to start the installation.</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon installeres i mappen nedenfor. Klik på Gennemse for at vælge en anden mappe. Klik på Installer for at starte installationen.</translation>
     </message>
     <message>
         <source>From %1 to %2</source>
-        <translation type="unfinished"></translation>
+        <translation>Fra %1 til %2</translation>
     </message>
     <message>
         <source>Stopping the running client so that its files can be replaced</source>
-        <translation type="unfinished"></translation>
+        <translation>Stopper den kørende klient, så dens filer kan udskiftes</translation>
     </message>
     <message>
         <source>Open File</source>
-        <translation type="unfinished"></translation>
+        <translation>Åbn fil</translation>
     </message>
     <message>
         <source>This sharing link has expired and can no longer be opened.</source>
-        <translation type="unfinished"></translation>
+        <translation>Dette delingslink er udløbet og kan ikke længere åbnes.</translation>
     </message>
     <message>
         <source>Software Update</source>
-        <translation type="unfinished"></translation>
+        <translation>Softwareopdatering</translation>
     </message>
     <message>
         <source>Click Repair to restore missing or damaged files and shortcuts. Your settings and sync sessions are not changed. Click Cancel to exit the wizard.</source>
-        <translation type="unfinished"></translation>
+        <translation>Klik på Reparer for at gendanne manglende eller beskadigede filer og genveje. Dine indstillinger og synkroniseringssessioner ændres ikke. Klik på Annuller for at afslutte guiden.</translation>
     </message>
     <message>
         <source>No</source>
-        <translation type="unfinished"></translation>
+        <translation>Nej</translation>
     </message>
     <message>
         <source>Signing in...</source>
-        <translation type="unfinished"></translation>
+        <translation>Logger på...</translation>
     </message>
     <message>
         <source>Share Link</source>
-        <translation type="unfinished"></translation>
+        <translation>Delingslink</translation>
     </message>
     <message>
         <source>The update could not be downloaded. Check your network connection and try again.</source>
-        <translation type="unfinished"></translation>
+        <translation>Opdateringen kunne ikke downloades. Kontrollér din netværksforbindelse, og prøv igen.</translation>
     </message>
     <message>
         <source>About tab</source>
-        <translation type="unfinished"></translation>
+        <translation>Fanen Om</translation>
     </message>
     <message>
         <source>Another copy of Quillon is already running for this user.</source>
-        <translation type="unfinished"></translation>
+        <translation>En anden kopi af Quillon kører allerede for denne bruger.</translation>
     </message>
     <message>
         <source>Move Sync Folder...</source>
-        <translation type="unfinished"></translation>
+        <translation>Flyt synkroniseringsmappe...</translation>
     </message>
     <message>
         <source>Username</source>
-        <translation type="unfinished"></translation>
+        <translation>Brugernavn</translation>
     </message>
     <message>
         <source>The sharing link could not be created. Check your connection to the server and try again.</source>
-        <translation type="unfinished"></translation>
+        <translation>Delingslinket kunne ikke oprettes. Kontrollér din forbindelse til serveren, og prøv igen.</translation>
     </message>
     <message>
         <source>Sync Now</source>
-        <translation type="unfinished"></translation>
+        <translation>Synkroniser nu</translation>
     </message>
     <message>
         <source>Quillon is running. Exit Quillon from its tray menu and click Retry, or click Cancel to stop setup.</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon kører. Afslut Quillon fra menuen i systembakken, og klik på Prøv igen, eller klik på Annuller for at afbryde installationen.</translation>
     </message>
     <message>
         <source>The local copy was renamed to %1 so that both versions are kept.</source>
-        <translation type="unfinished"></translation>
+        <translation>Den lokale kopi blev omdøbt til %1, så begge versioner bevares.</translation>
     </message>
     <message>
         <source>Read and write</source>
-        <translation type="unfinished"></translation>
+        <translation>Læse og skrive</translation>
     </message>
     <message>
         <source>Indexing %1 of %2 files</source>
-        <translation type="unfinished"></translation>
+        <translation>Indekserer %1 af %2 filer</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Files in Use</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}Filer i brug</translation>
     </message>
     <message>
         <source>The Setup Wizard is installing the program. This may take several minutes.</source>
-        <translation type="unfinished"></translation>
+        <translation>Installationsguiden installerer programmet. Det kan tage flere minutter.</translation>
     </message>
     <message>
         <source>This folder is empty.</source>
-        <translation type="unfinished"></translation>
+        <translation>Denne mappe er tom.</translation>
     </message>
     <message>
         <source>Click Remove to uninstall the program from your computer. The files in your sync folders are not deleted and stay on your server. Click Cancel to exit the wizard.</source>
-        <translation type="unfinished"></translation>
+        <translation>Klik på Fjern for at afinstallere programmet fra din computer. Filerne i dine synkroniseringsmapper bliver ikke slettet og forbliver på din server. Klik på Annuller for at afslutte guiden.</translation>
     </message>
     <message>
         <source>Welcome to Quillon</source>
-        <translation type="unfinished"></translation>
+        <translation>Velkommen til Quillon</translation>
     </message>
     <message>
         <source>The password must be at least %1 characters long.</source>
-        <translation type="unfinished"></translation>
+        <translation>Adgangskoden skal være på mindst %1 tegn.</translation>
     </message>
     <message>
         <source>Backup task %1 completed.</source>
-        <translation type="unfinished"></translation>
+        <translation>Backupopgaven %1 er fuldført.</translation>
     </message>
     <message>
         <source>Pause for 1 hour</source>
-        <translation type="unfinished"></translation>
+        <translation>Sæt på pause i 1 time</translation>
     </message>
     <message>
         <source>The installation needs more disk space than is available.</source>
-        <translation type="unfinished"></translation>
+        <translation>Installationen kræver mere diskplads, end der er til rådighed.</translation>
     </message>
     <message>
         <source>Click Next to install to the folder shown, or click Change to choose another folder.</source>
-        <translation type="unfinished"></translation>
+        <translation>Klik på Næste for at installere i den viste mappe, eller klik på Skift for at vælge en anden mappe.</translation>
     </message>
     <message>
         <source>Certificate Warning</source>
-        <translation type="unfinished"></translation>
+        <translation>Certifikatadvarsel</translation>
     </message>
     <message>
         <source>Expiry date</source>
-        <translation type="unfinished"></translation>
+        <translation>Udløbsdato</translation>
     </message>
     <message>
         <source>August</source>
-        <translation type="unfinished"></translation>
+        <translation>august</translation>
     </message>
     <message>
         <source>Start automatically when I sign in</source>
-        <translation type="unfinished"></translation>
+        <translation>Start automatisk, når jeg logger på</translation>
     </message>
     <message>
         <source>Export Logs...</source>
-        <translation type="unfinished"></translation>
+        <translation>Eksporter logfiler...</translation>
     </message>
     <message>
         <source>Syncing is paused until %1. Changes made in the meantime are synced afterwards.</source>
-        <translation type="unfinished"></translation>
+        <translation>Synkroniseringen er sat på pause indtil %1. Ændringer foretaget i mellemtiden synkroniseres bagefter.</translation>
     </message>
     <message>
         <source>December</source>
-        <translation type="unfinished"></translation>
+        <translation>december</translation>
     </message>
     <message>
         <source>The certificate of the server has changed since your last connection. Continue only if your administrator has replaced the certificate.</source>
-        <translation type="unfinished"></translation>
+        <translation>Serverens certifikat er ændret siden din seneste forbindelse. Fortsæt kun, hvis din administrator har udskiftet certifikatet.</translation>
     </message>
     <message>
         <source>A new version, Quillon %1, is ready to install.</source>
-        <translation type="unfinished"></translation>
+        <translation>En ny version, Quillon %1, er klar til installation.</translation>
     </message>
     <message>
         <source>Your settings have been saved.</source>
-        <translation type="unfinished"></translation>
+        <translation>Dine indstillinger er gemt.</translation>
     </message>
     <message>
         <source>Retry</source>
-        <translation type="unfinished"></translation>
+        <translation>Prøv igen</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Ready to Repair</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}Klar til reparation</translation>
     </message>
     <message>
         <source>There is not enough free space on this computer. Free some space and syncing will continue.</source>
-        <translation type="unfinished"></translation>
+        <translation>Der er ikke nok ledig plads på denne computer. Frigør plads, så fortsætter synkroniseringen.</translation>
     </message>
     <message>
         <source>The sync session has been removed.</source>
-        <translation type="unfinished"></translation>
+        <translation>Synkroniseringssessionen er fjernet.</translation>
     </message>
     <message>
         <source>Use system proxy settings</source>
-        <translation type="unfinished"></translation>
+        <translation>Brug systemets proxyindstillinger</translation>
     </message>
     <message>
         <source>Keep up to %1 versions of each file</source>
-        <translation type="unfinished"></translation>
+        <translation>Behold op til %1 versioner af hver fil</translation>
     </message>
     <message>
         <source>The selected version could not be restored. Check that you have permission to change the file and try again.</source>
-        <translation type="unfinished"></translation>
+        <translation>Den valgte version kunne ikke gendannes. Kontrollér, at du har tilladelse til at ændre filen, og prøv igen.</translation>
     </message>
     <message>
         <source>Quillon keeps the files on your computer and on your server in sync, so your latest work is always at hand. Let&apos;s set up your first sync session.</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon holder filerne på din computer og på din server synkroniseret, så dit seneste arbejde altid er lige ved hånden. Lad os oprette din første synkroniseringssession.</translation>
     </message>
     <message>
         <source>Current version</source>
-        <translation type="unfinished"></translation>
+        <translation>Aktuel version</translation>
     </message>
     <message>
         <source>June</source>
-        <translation type="unfinished"></translation>
+        <translation>juni</translation>
     </message>
     <message>
         <source>Choose the folder to install the program in. You need permission to write to it.</source>
-        <translation type="unfinished"></translation>
+        <translation>Vælg den mappe, programmet skal installeres i. Du skal have tilladelse til at skrive i den.</translation>
     </message>
     <message>
         <source>Sync new folders on the server automatically</source>
-        <translation type="unfinished"></translation>
+        <translation>Synkroniser automatisk nye mapper på serveren</translation>
     </message>
     <message>
         <source>Remind Me Later</source>
-        <translation type="unfinished"></translation>
+        <translation>Påmind mig senere</translation>
     </message>
     <message>
         <source>Deleted on %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Slettet den %1</translation>
     </message>
     <message>
         <source>Upload speed</source>
-        <translation type="unfinished"></translation>
+        <translation>Uploadhastighed</translation>
     </message>
     <message>
         <source>You have used %1% of your storage quota. Syncing stops when the quota is used up.</source>
-        <translation type="unfinished"></translation>
+        <translation>Du har brugt %1 % af din lagerkvote. Synkroniseringen stopper, når kvoten er opbrugt.</translation>
     </message>
     <message>
         <source>Renamed</source>
-        <translation type="unfinished"></translation>
+        <translation>Omdøbt</translation>
     </message>
     <message>
         <source>The server folder of this sync session has been removed. Do you want to remove the session as well? The local files are kept.</source>
-        <translation type="unfinished"></translation>
+        <translation>Serverens mappe for denne synkroniseringssession er blevet fjernet. Vil du også fjerne sessionen? De lokale filer bevares.</translation>
     </message>
     <message>
         <source>Quillon status icon</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillons statusikon</translation>
     </message>
     <message>
         <source>Preview</source>
-        <translation type="unfinished"></translation>
+        <translation>Forhåndsvisning</translation>
     </message>
     <message>
         <source>Completed</source>
-        <translation type="unfinished"></translation>
+        <translation>Fuldført</translation>
     </message>
     <message>
         <source>More actions</source>
-        <translation type="unfinished"></translation>
+        <translation>Flere handlinger</translation>
     </message>
     <message>
         <source>Recycle Bin</source>
-        <translation type="unfinished"></translation>
+        <translation>Papirkurv</translation>
     </message>
     <message>
         <source>OK</source>
-        <translation type="unfinished"></translation>
+        <translation>OK</translation>
     </message>
     <message>
         <source>Start time</source>
-        <translation type="unfinished"></translation>
+        <translation>Starttidspunkt</translation>
     </message>
     <message>
         <source>This account is protected by two-step verification. Enter the six-digit code from your authenticator app.</source>
-        <translation type="unfinished"></translation>
+        <translation>Denne konto er beskyttet af totrinsbekræftelse. Indtast den sekscifrede kode fra din godkendelsesapp.</translation>
     </message>
     <message>
         <source>Quillon – up to date</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon – opdateret</translation>
     </message>
     <message>
         <source>Check the settings below and click Done to start syncing. You can change them later in the session settings.</source>
-        <translation type="unfinished"></translation>
+        <translation>Kontrollér indstillingerne nedenfor, og klik på Udført for at starte synkroniseringen. Du kan ændre dem senere i sessionsindstillingerne.</translation>
     </message>
     <message>
         <source>Ready</source>
-        <translation type="unfinished"></translation>
+        <translation>Klar</translation>
     </message>
     <message>
         <source>Upload %1, download %2</source>
-        <translation type="unfinished"></translation>
+        <translation>Upload: %1, download: %2</translation>
     </message>
     <message>
         <source>Sync files</source>
-        <translation type="unfinished"></translation>
+        <translation>Synkroniser filer</translation>
     </message>
     <message>
         <source>Collapse folder</source>
-        <translation type="unfinished"></translation>
+        <translation>Skjul mappe</translation>
     </message>
     <message>
         <source>Search recent files</source>
-        <translation type="unfinished"></translation>
+        <translation>Søg i seneste filer</translation>
     </message>
     <message>
         <source>Request Access</source>
-        <translation type="unfinished"></translation>
+        <translation>Anmod om adgang</translation>
     </message>
     <message>
         <source>Done</source>
-        <translation type="unfinished"></translation>
+        <translation>Udført</translation>
     </message>
     <message>
         <source>Limit download speed</source>
-        <translation type="unfinished"></translation>
+        <translation>Begræns downloadhastighed</translation>
     </message>
     <message>
         <source>The proxy server requires authentication. Enter the username and password of the proxy in the network settings.</source>
-        <translation type="unfinished"></translation>
+        <translation>Proxyserveren kræver godkendelse. Angiv proxyens brugernavn og adgangskode i netværksindstillingerne.</translation>
     </message>
     <message>
         <source>Quillon</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon</translation>
     </message>
     <message>
         <source>Quillon Desktop Client</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon Desktop-klient</translation>
     </message>
     <message>
         <source>Please wait...</source>
-        <translation type="unfinished"></translation>
+        <translation>Vent venligst...</translation>
     </message>
     <message>
         <source>Fingerprint: %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Fingeraftryk: %1</translation>
     </message>
     <message>
         <source>Saturday</source>
-        <translation type="unfinished"></translation>
+        <translation>lørdag</translation>
     </message>
     <message>
         <source>Start Now</source>
-        <translation type="unfinished"></translation>
+        <translation>Start nu</translation>
     </message>
     <message>
         <source>Restore as a Copy</source>
-        <translation type="unfinished"></translation>
+        <translation>Gendan som kopi</translation>
     </message>
     <message>
         <source>%1 TB</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 TB</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Bigger}[ProductName] Has Been Installed</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Bigger}[ProductName] er installeret</translation>
     </message>
     <message>
         <source>Open Source Licenses</source>
-        <translation type="unfinished"></translation>
+        <translation>Open source-licenser</translation>
     </message>
     <message>
         <source>Change Password</source>
-        <translation type="unfinished"></translation>
+        <translation>Skift adgangskode</translation>
     </message>
     <message>
         <source>Unable to connect to the proxy server. Check the proxy address and port in the network settings.</source>
-        <translation type="unfinished"></translation>
+        <translation>Der kan ikke oprettes forbindelse til proxyserveren. Kontrollér proxyadressen og porten i netværksindstillingerne.</translation>
     </message>
     <message>
         <source>Start Quillon when I sign in</source>
-        <translation type="unfinished"></translation>
+        <translation>Start Quillon, når jeg logger på</translation>
     </message>
     <message>
         <source>Skip This Version</source>
-        <translation type="unfinished"></translation>
+        <translation>Spring denne version over</translation>
     </message>
     <message>
         <source>Keep Both</source>
-        <translation type="unfinished"></translation>
+        <translation>Behold begge</translation>
     </message>
     <message>
         <source>The connection to %1 has been restored.</source>
-        <translation type="unfinished"></translation>
+        <translation>Forbindelsen til %1 er genoprettet.</translation>
     </message>
     <message>
         <source>Sync hidden files</source>
-        <translation type="unfinished"></translation>
+        <translation>Synkroniser skjulte filer</translation>
     </message>
     <message>
         <source>Only administrators can change this setting. It is managed for your organization.</source>
-        <translation type="unfinished"></translation>
+        <translation>Kun administratorer kan ændre denne indstilling. Den administreres for din organisation.</translation>
     </message>
     <message>
         <source>Bandwidth</source>
-        <translation type="unfinished"></translation>
+        <translation>Båndbredde</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Destination Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}Destinationsmappe</translation>
     </message>
     <message>
         <source>Collecting logs...</source>
-        <translation type="unfinished"></translation>
+        <translation>Indsamler logfiler...</translation>
     </message>
     <message>
         <source>A sync folder cannot be inside another sync folder, and it cannot contain one. Choose a folder outside your other sync folders.</source>
-        <translation type="unfinished"></translation>
+        <translation>En synkroniseringsmappe kan ikke ligge i en anden synkroniseringsmappe, og den kan ikke indeholde en. Vælg en mappe uden for dine andre synkroniseringsmapper.</translation>
     </message>
     <message>
         <source>There is not enough free space on the disk that holds the sync folder. Free some space or move the sync folder to another disk.</source>
-        <translation type="unfinished"></translation>
+        <translation>Der er ikke nok ledig plads på den disk, hvor synkroniseringsmappen ligger. Frigør plads, eller flyt synkroniseringsmappen til en anden disk.</translation>
     </message>
     <message>
         <source>Properties</source>
-        <translation type="unfinished"></translation>
+        <translation>Egenskaber</translation>
     </message>
     <message>
         <source>Free Up Space</source>
-        <translation type="unfinished"></translation>
+        <translation>Frigør plads</translation>
     </message>
     <message>
         <source>Sync progress</source>
-        <translation type="unfinished"></translation>
+        <translation>Synkroniseringsforløb</translation>
     </message>
     <message>
         <source>Download speed</source>
-        <translation type="unfinished"></translation>
+        <translation>Downloadhastighed</translation>
     </message>
     <message>
         <source>All activity</source>
-        <translation type="unfinished"></translation>
+        <translation>Al aktivitet</translation>
     </message>
     <message>
         <source>The sync folder cannot be found. It may have been moved, renamed or deleted. Syncing is paused until the folder is available again.</source>
-        <translation type="unfinished"></translation>
+        <translation>Synkroniseringsmappen kan ikke findes. Den kan være blevet flyttet, omdøbt eller slettet. Synkroniseringen er sat på pause, indtil mappen er tilgængelig igen.</translation>
     </message>
     <message>
         <source>What would you like to do?</source>
-        <translation type="unfinished"></translation>
+        <translation>Hvad vil du gerne gøre?</translation>
     </message>
     <message>
         <source>Check for Updates</source>
-        <translation type="unfinished"></translation>
+        <translation>Søg efter opdateringer</translation>
     </message>
     <message>
         <source>Recent Changes</source>
-        <translation type="unfinished"></translation>
+        <translation>Seneste ændringer</translation>
     </message>
     <message>
         <source>The downloaded update is damaged and has been discarded. Please try again later.</source>
-        <translation type="unfinished"></translation>
+        <translation>Den downloadede opdatering er beskadiget og er blevet kasseret. Prøv igen senere.</translation>
     </message>
     <message>
         <source>Skip temporary and system files</source>
-        <translation type="unfinished"></translation>
+        <translation>Spring midlertidige filer og systemfiler over</translation>
     </message>
     <message>
         <source>List of connections</source>
-        <translation type="unfinished"></translation>
+        <translation>Liste over forbindelser</translation>
     </message>
     <message>
         <source>The server certificate has expired. Ask your administrator to renew it.</source>
-        <translation type="unfinished"></translation>
+        <translation>Serverens certifikat er udløbet. Bed din administrator om at forny det.</translation>
     </message>
     <message>
         <source>Show password</source>
-        <translation type="unfinished"></translation>
+        <translation>Vis adgangskode</translation>
     </message>
     <message>
         <source>Folder name</source>
-        <translation type="unfinished"></translation>
+        <translation>Mappenavn</translation>
     </message>
     <message>
         <source>Inherited from %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Nedarvet fra %1</translation>
     </message>
     <message>
         <source>My Quillon</source>
-        <translation type="unfinished"></translation>
+        <translation>Min Quillon</translation>
     </message>
     <message>
         <source>Clear selection</source>
-        <translation type="unfinished"></translation>
+        <translation>Ryd markering</translation>
     </message>
     <message>
         <source>Anyone with this link will lose access to the shared item. Do you want to stop sharing?</source>
-        <translation type="unfinished"></translation>
+        <translation>Alle med dette link mister adgangen til det delte element. Vil du stoppe delingen?</translation>
     </message>
     <message>
         <source>The Setup Wizard lets you repair the installation on your computer or remove it. Click Next to continue or Cancel to exit the wizard.</source>
-        <translation type="unfinished"></translation>
+        <translation>Installationsguiden giver dig mulighed for at reparere eller fjerne installationen på din computer. Klik på Næste for at fortsætte eller på Annuller for at afslutte guiden.</translation>
     </message>
     <message>
         <source>The certificate was issued for %1, not for %2. You may be connecting through an address that the certificate does not cover.</source>
-        <translation type="unfinished"></translation>
+        <translation>Certifikatet er udstedt til %1, ikke til %2. Du opretter muligvis forbindelse via en adresse, som certifikatet ikke dækker.</translation>
     </message>
     <message>
         <source>May</source>
-        <translation type="unfinished"></translation>
+        <translation>maj</translation>
     </message>
     <message>
         <source>The passwords do not match.</source>
-        <translation type="unfinished"></translation>
+        <translation>Adgangskoderne stemmer ikke overens.</translation>
     </message>
     <message>
         <source>Export Logs</source>
-        <translation type="unfinished"></translation>
+        <translation>Eksporter logfiler</translation>
     </message>
     <message>
         <source>Copy link</source>
-        <translation type="unfinished"></translation>
+        <translation>Kopiér link</translation>
     </message>
     <message>
         <source>The name %1 contains characters that are not allowed on the server. Rename the item to sync it.</source>
-        <translation type="unfinished"></translation>
+        <translation>Navnet %1 indeholder tegn, der ikke er tilladt på serveren. Omdøb elementet for at synkronisere det.</translation>
     </message>
     <message>
         <source>Share</source>
-        <translation type="unfinished"></translation>
+        <translation>Del</translation>
     </message>
     <message>
         <source>Normal</source>
-        <translation type="unfinished"></translation>
+        <translation>Normal</translation>
     </message>
     <message>
         <source>Keep both versions</source>
-        <translation type="unfinished"></translation>
+        <translation>Behold begge versioner</translation>
     </message>
     <message>
         <source>All Set</source>
-        <translation type="unfinished"></translation>
+        <translation>Alt er klar</translation>
     </message>
     <message>
         <source>Versions of %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Versioner af %1</translation>
     </message>
     <message>
         <source>Password</source>
-        <translation type="unfinished"></translation>
+        <translation>Adgangskode</translation>
     </message>
     <message>
         <source>Available</source>
-        <translation type="unfinished"></translation>
+        <translation>Tilgængelig</translation>
     </message>
     <message>
         <source>Open Sync Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>Åbn synkroniseringsmappe</translation>
     </message>
     <message>
         <source>%1 of %2 selected</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 af %2 valgt</translation>
     </message>
     <message>
         <source>KB/s</source>
-        <translation type="unfinished"></translation>
+        <translation>KB/s</translation>
     </message>
     <message>
         <source>List of file versions</source>
-        <translation type="unfinished"></translation>
+        <translation>Liste over filversioner</translation>
     </message>
     <message>
         <source>Upgrade</source>
-        <translation type="unfinished"></translation>
+        <translation>Opgrader</translation>
     </message>
     <message>
         <source>Start Quillon automatically when you sign in, so your files are synced without you having to remember it.</source>
-        <translation type="unfinished"></translation>
+        <translation>Start Quillon automatisk, når du logger på, så dine filer synkroniseres, uden at du skal huske det.</translation>
     </message>
     <message>
         <source>Choose the server folders to sync to this computer. New folders created on the server can be added automatically.</source>
-        <translation type="unfinished"></translation>
+        <translation>Vælg de servermapper, der skal synkroniseres til denne computer. Nye mapper, der oprettes på serveren, kan tilføjes automatisk.</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Installing [ProductName]</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}Installerer [ProductName]</translation>
     </message>
     <message>
         <source>An unexpected error occurred (code %1).</source>
-        <translation type="unfinished"></translation>
+        <translation>Der opstod en uventet fejl (kode %1).</translation>
     </message>
     <message>
         <source>I do not accept the terms of the license agreement</source>
-        <translation type="unfinished"></translation>
+        <translation>Jeg accepterer ikke vilkårene i licensaftalen</translation>
     </message>
     <message>
         <source>Certificate</source>
-        <translation type="unfinished"></translation>
+        <translation>Certifikat</translation>
     </message>
     <message>
         <source>Take a quick tour of Quillon</source>
-        <translation type="unfinished"></translation>
+        <translation>Tag en hurtig rundvisning i Quillon</translation>
     </message>
     <message>
         <source>March</source>
-        <translation type="unfinished"></translation>
+        <translation>marts</translation>
     </message>
     <message>
         <source>Resume All</source>
-        <translation type="unfinished"></translation>
+        <translation>Genoptag alle</translation>
     </message>
     <message>
         <source>You do not have permission to delete files in this folder. The deleted files will be downloaded again.</source>
-        <translation type="unfinished"></translation>
+        <translation>Du har ikke tilladelse til at slette filer i denne mappe. De slettede filer bliver downloadet igen.</translation>
     </message>
     <message>
         <source>Visit Website</source>
-        <translation type="unfinished"></translation>
+        <translation>Besøg webstedet</translation>
     </message>
     <message>
         <source>Choose what the Setup Wizard should do with the installed program.</source>
-        <translation type="unfinished"></translation>
+        <translation>Vælg, hvad installationsguiden skal gøre med det installerede program.</translation>
     </message>
     <message>
         <source>Download files only when they are opened</source>
-        <translation type="unfinished"></translation>
+        <translation>Download kun filer, når de åbnes</translation>
     </message>
     <message>
         <source>Restart Quillon to apply the new settings. Syncing continues where it stopped.</source>
-        <translation type="unfinished"></translation>
+        <translation>Genstart Quillon for at anvende de nye indstillinger. Synkroniseringen fortsætter, hvor den slap.</translation>
     </message>
     <message>
         <source>Skip files larger than %1 MB</source>
-        <translation type="unfinished"></translation>
+        <translation>Spring filer over, der er større end %1 MB</translation>
     </message>
     <message>
         <source>Version %1 (build %2)</source>
-        <translation type="unfinished"></translation>
+        <translation>Version %1 (buildnummer %2)</translation>
     </message>
     <message>
         <source>%1 remaining</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 tilbage</translation>
     </message>
     <message>
         <source>Pause syncing during these hours</source>
-        <translation type="unfinished"></translation>
+        <translation>Sæt synkroniseringen på pause i disse timer</translation>
     </message>
     <message>
         <source>This account has been disabled on the server. Please contact your administrator to have it enabled again.</source>
-        <translation type="unfinished"></translation>
+        <translation>Denne konto er blevet deaktiveret på serveren. Kontakt din administrator for at få den aktiveret igen.</translation>
     </message>
     <message>
         <source>Sync symbolic links</source>
-        <translation type="unfinished"></translation>
+        <translation>Synkroniser symbolske links</translation>
     </message>
     <message>
         <source>Link</source>
-        <translation type="unfinished"></translation>
+        <translation>Link</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Not Enough Disk Space</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}Ikke nok diskplads</translation>
     </message>
     <message>
         <source>Also remove my settings, sync session information and logs</source>
-        <translation type="unfinished"></translation>
+        <translation>Fjern også mine indstillinger, oplysninger om synkroniseringssessioner og logfiler</translation>
     </message>
     <message>
         <source>Source folders</source>
-        <translation type="unfinished"></translation>
+        <translation>Kildemapper</translation>
     </message>
     <message>
         <source>The server runs Quillon Server %1, but this client requires version %2 or later. Please ask your administrator to update the server.</source>
-        <translation type="unfinished"></translation>
+        <translation>Serveren kører Quillon Server %1, men denne klient kræver version %2 eller nyere. Bed din administrator om at opdatere serveren.</translation>
     </message>
     <message>
         <source>New Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>Ny mappe</translation>
     </message>
     <message>
         <source>Made a mistake? Right-click a file and restore an earlier version from the file history.</source>
-        <translation type="unfinished"></translation>
+        <translation>Har du lavet en fejl? Højreklik på en fil, og gendan en tidligere version fra filhistorikken.</translation>
     </message>
     <message>
         <source>Log level</source>
-        <translation type="unfinished"></translation>
+        <translation>Logniveau</translation>
     </message>
     <message>
         <source>Remove Session</source>
-        <translation type="unfinished"></translation>
+        <translation>Fjern session</translation>
     </message>
     <message>
         <source>Saving...</source>
-        <translation type="unfinished"></translation>
+        <translation>Gemmer...</translation>
     </message>
     <message>
         <source>Server name</source>
-        <translation type="unfinished"></translation>
+        <translation>Servernavn</translation>
     </message>
     <message>
         <source>Monday</source>
-        <translation type="unfinished"></translation>
+        <translation>mandag</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Change Destination Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}Skift destinationsmappe</translation>
     </message>
     <message>
         <source>Connected over the local network</source>
-        <translation type="unfinished"></translation>
+        <translation>Forbundet via det lokale netværk</translation>
     </message>
     <message>
         <source>Unlink</source>
-        <translation type="unfinished"></translation>
+        <translation>Fjern tilknytning</translation>
     </message>
     <message>
         <source>Resume syncing</source>
-        <translation type="unfinished"></translation>
+        <translation>Genoptag synkronisering</translation>
     </message>
     <message>
         <source>If you exit Quillon, changes to your files will no longer be synced until you start it again. Do you want to exit?</source>
-        <translation type="unfinished"></translation>
+        <translation>Hvis du afslutter Quillon, bliver ændringer af dine filer ikke længere synkroniseret, før du starter programmet igen. Vil du afslutte?</translation>
     </message>
     <message>
         <source>Session name</source>
-        <translation type="unfinished"></translation>
+        <translation>Sessionsnavn</translation>
     </message>
     <message>
         <source>Conflict detected</source>
-        <translation type="unfinished"></translation>
+        <translation>Konflikt registreret</translation>
     </message>
     <message>
         <source>Encrypted shared folders must be mounted on the server before they can be synced. Ask your administrator to mount the folder.</source>
-        <translation type="unfinished"></translation>
+        <translation>Krypterede delte mapper skal monteres på serveren, før de kan synkroniseres. Bed din administrator om at montere mappen.</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Ready to Update</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}Klar til opdatering</translation>
     </message>
     <message>
         <source>Number of visits</source>
-        <translation type="unfinished"></translation>
+        <translation>Antal besøg</translation>
     </message>
     <message>
         <source>An update is ready. Restart Quillon to install it.</source>
-        <translation type="unfinished"></translation>
+        <translation>En opdatering er klar. Genstart Quillon for at installere den.</translation>
     </message>
     <message>
         <source>Error</source>
-        <translation type="unfinished"></translation>
+        <translation>Fejl</translation>
     </message>
     <message>
         <source>You have read-only access to this folder. Changes made on this computer will not be uploaded and will be replaced by the server version.</source>
-        <translation type="unfinished"></translation>
+        <translation>Du har kun læseadgang til denne mappe. Ændringer foretaget på denne computer bliver ikke uploadet og erstattes af serverversionen.</translation>
     </message>
     <message>
         <source>The source folder of this backup plan cannot be found. Check that the drive that holds it is connected.</source>
-        <translation type="unfinished"></translation>
+        <translation>Kildemappen for denne backupplan kan ikke findes. Kontrollér, at det drev, den ligger på, er tilsluttet.</translation>
     </message>
     <message>
         <source>The proxy server requires a password</source>
-        <translation type="unfinished"></translation>
+        <translation>Proxyserveren kræver en adgangskode</translation>
     </message>
     <message>
         <source>Modified by %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Ændret af %1</translation>
     </message>
     <message>
         <source>Go back</source>
-        <translation type="unfinished"></translation>
+        <translation>Gå tilbage</translation>
     </message>
     <message>
         <source>%1 local changes waiting to upload</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 lokale ændringer venter på at blive uploadet</translation>
     </message>
     <message>
         <source>Setup was canceled before it finished. Nothing on your computer has been changed. Run the Setup Wizard again whenever you want to install the program.</source>
-        <translation type="unfinished"></translation>
+        <translation>Installationen blev annulleret, før den blev færdig. Intet på din computer er blevet ændret. Kør installationsguiden igen, når du vil installere programmet.</translation>
     </message>
     <message>
         <source>Local path</source>
-        <translation type="unfinished"></translation>
+        <translation>Lokal sti</translation>
     </message>
     <message>
         <source>Need all of your bandwidth for a while? Pause syncing at any time from the tray menu.</source>
-        <translation type="unfinished"></translation>
+        <translation>Har du brug for al din båndbredde et stykke tid? Sæt synkroniseringen på pause når som helst fra menuen i systembakken.</translation>
     </message>
     <message>
         <source>Required</source>
-        <translation type="unfinished"></translation>
+        <translation>Påkrævet</translation>
     </message>
     <message>
         <source>Advanced</source>
-        <translation type="unfinished"></translation>
+        <translation>Avanceret</translation>
     </message>
     <message>
         <source>Time</source>
-        <translation type="unfinished"></translation>
+        <translation>Tidspunkt</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Repair or Remove Installation</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}Reparer eller fjern installationen</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Bigger}Setup Could Not Finish</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Bigger}Installationen kunne ikke fuldføres</translation>
     </message>
     <message>
         <source>No limit</source>
-        <translation type="unfinished"></translation>
+        <translation>Ingen grænse</translation>
     </message>
     <message>
         <source>Quillon – %1 items could not be synced</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon – %1 elementer kunne ikke synkroniseres</translation>
     </message>
     <message>
         <source>Quillon Setup</source>
-        <translation type="unfinished"></translation>
+        <translation>Installation af Quillon</translation>
     </message>
     <message>
         <source>Some files were skipped because of their name, size or type. See the details for more information.</source>
-        <translation type="unfinished"></translation>
+        <translation>Nogle filer blev sprunget over på grund af deres navn, størrelse eller type. Se detaljerne for at få flere oplysninger.</translation>
     </message>
     <message>
         <source>Edit Sync Session</source>
-        <translation type="unfinished"></translation>
+        <translation>Rediger synkroniseringssession</translation>
     </message>
     <message>
         <source>You do not have permission to share this item. Ask its owner to share it or to give you permission.</source>
-        <translation type="unfinished"></translation>
+        <translation>Du har ikke tilladelse til at dele dette element. Bed ejeren om at dele det eller om at give dig tilladelse.</translation>
     </message>
     <message>
         <source>Tuesday</source>
-        <translation type="unfinished"></translation>
+        <translation>tirsdag</translation>
     </message>
     <message>
         <source>Moved</source>
-        <translation type="unfinished"></translation>
+        <translation>Flyttet</translation>
     </message>
     <message>
         <source>Got it!</source>
-        <translation type="unfinished"></translation>
+        <translation>Forstået!</translation>
     </message>
     <message>
         <source>Connected to %1 as %2</source>
-        <translation type="unfinished"></translation>
+        <translation>Forbundet til %1 som %2</translation>
     </message>
     <message>
         <source>Quillon uses the proxy settings of your system unless you enter other settings here. The proxy is used for every connection except those to addresses on your local network.</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon bruger dit systems proxyindstillinger, medmindre du angiver andre indstillinger her. Proxyen bruges til alle forbindelser undtagen forbindelser til adresser på dit lokale netværk.</translation>
     </message>
     <message>
         <source>Keeps the files on your computers in sync with your Quillon server</source>
-        <translation type="unfinished"></translation>
+        <translation>Holder filerne på dine computere synkroniseret med din Quillon-server</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Bigger}Welcome to [ProductName] Setup</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Bigger}Velkommen til installationen af [ProductName]</translation>
     </message>
     <message>
         <source>Update available</source>
-        <translation type="unfinished"></translation>
+        <translation>Opdatering tilgængelig</translation>
     </message>
     <message>
         <source>Show QR Code</source>
-        <translation type="unfinished"></translation>
+        <translation>Vis QR-kode</translation>
     </message>
     <message>
         <source>Compare Versions</source>
-        <translation type="unfinished"></translation>
+        <translation>Sammenlign versioner</translation>
     </message>
     <message>
         <source>Can upload</source>
-        <translation type="unfinished"></translation>
+        <translation>Kan uploade</translation>
     </message>
     <message>
         <source>Restore %1 to the version of %2? The current version will be kept in the file history.</source>
-        <translation type="unfinished"></translation>
+        <translation>Vil du gendanne %1 til versionen fra %2? Den aktuelle version bevares i filhistorikken.</translation>
     </message>
     <message>
         <source>Modified by</source>
-        <translation type="unfinished"></translation>
+        <translation>Ændret af</translation>
     </message>
     <message>
         <source>This server does not support file syncing. Ask your administrator to install the Quillon Server package on it.</source>
-        <translation type="unfinished"></translation>
+        <translation>Denne server understøtter ikke filsynkronisering. Bed din administrator om at installere Quillon Server-pakken på den.</translation>
     </message>
     <message>
         <source>Open Log Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>Åbn logmappe</translation>
     </message>
     <message>
         <source>The connection is encrypted.</source>
-        <translation type="unfinished"></translation>
+        <translation>Forbindelsen er krypteret.</translation>
     </message>
     <message>
         <source>Mark all as read</source>
-        <translation type="unfinished"></translation>
+        <translation>Marker alle som læst</translation>
     </message>
     <message>
         <source>View Conflicts</source>
-        <translation type="unfinished"></translation>
+        <translation>Vis konflikter</translation>
     </message>
     <message>
         <source>Confirm</source>
-        <translation type="unfinished"></translation>
+        <translation>Bekræft</translation>
     </message>
     <message>
         <source>Servers found on your local network</source>
-        <translation type="unfinished"></translation>
+        <translation>Servere fundet på dit lokale netværk</translation>
     </message>
     <message>
         <source>The port must be a number between 1 and 65535.</source>
-        <translation type="unfinished"></translation>
+        <translation>Porten skal være et tal mellem 1 og 65535.</translation>
     </message>
     <message>
         <source>No recently synced files.</source>
-        <translation type="unfinished"></translation>
+        <translation>Ingen nyligt synkroniserede filer.</translation>
     </message>
     <message>
         <source>Sync Conflicts</source>
-        <translation type="unfinished"></translation>
+        <translation>Synkroniseringskonflikter</translation>
     </message>
     <message>
         <source>Two-step verification is required for this account. Enter the code shown by your authenticator app.</source>
-        <translation type="unfinished"></translation>
+        <translation>Totrinsbekræftelse er påkrævet for denne konto. Indtast koden, der vises i din godkendelsesapp.</translation>
     </message>
     <message>
         <source>Include folder %1 in sync</source>
-        <translation type="unfinished"></translation>
+        <translation>Medtag mappen %1 i synkroniseringen</translation>
     </message>
     <message>
         <source>Some files that setup has to replace are being used.</source>
-        <translation type="unfinished"></translation>
+        <translation>Nogle filer, som installationsprogrammet skal udskifte, er i brug.</translation>
     </message>
     <message>
         <source>Update Now</source>
-        <translation type="unfinished"></translation>
+        <translation>Opdater nu</translation>
     </message>
     <message>
         <source>Sync Sessions</source>
-        <translation type="unfinished"></translation>
+        <translation>Synkroniseringssessioner</translation>
     </message>
     <message>
         <source>Put files into your sync folder and they appear on your server and on every other computer connected to it.</source>
-        <translation type="unfinished"></translation>
+        <translation>Læg filer i din synkroniseringsmappe, så vises de på din server og på alle andre computere, der er forbundet med den.</translation>
     </message>
     <message>
         <source>Updating...</source>
-        <translation type="unfinished"></translation>
+        <translation>Opdaterer...</translation>
     </message>
     <message>
         <source>Download Update</source>
-        <translation type="unfinished"></translation>
+        <translation>Hent opdatering</translation>
     </message>
     <message>
         <source>List of sync sessions</source>
-        <translation type="unfinished"></translation>
+        <translation>Liste over synkroniseringssessioner</translation>
     </message>
     <message>
         <source>Preparing...</source>
-        <translation type="unfinished"></translation>
+        <translation>Forbereder...</translation>
     </message>
     <message>
         <source>Only the selected folders are synced to this computer. Folders you clear are removed from this computer but stay on the server, where you can still open them from the web portal.</source>
-        <translation type="unfinished"></translation>
+        <translation>Kun de valgte mapper synkroniseres til denne computer. Mapper, du fravælger, fjernes fra denne computer, men bliver på serveren, hvor du stadig kan åbne dem fra webportalen.</translation>
     </message>
     <message>
         <source>The applications listed below are using files that this setup has to replace. Close them and click Retry to continue, or click Ignore to replace the files after a restart.</source>
-        <translation type="unfinished"></translation>
+        <translation>Programmerne nedenfor bruger filer, som installationsprogrammet skal udskifte. Luk dem, og klik på Prøv igen for at fortsætte, eller klik på Ignorer for at udskifte filerne efter en genstart.</translation>
     </message>
     <message>
         <source>The server is in maintenance mode. Syncing resumes automatically when the maintenance is over.</source>
-        <translation type="unfinished"></translation>
+        <translation>Serveren er i vedligeholdelsestilstand. Synkroniseringen genoptages automatisk, når vedligeholdelsen er overstået.</translation>
     </message>
     <message>
         <source>Modified on %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Ændret den %1</translation>
     </message>
     <message>
         <source>%1 of %2 used</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 af %2 brugt</translation>
     </message>
     <message>
         <source>All files in this session are up to date.</source>
-        <translation type="unfinished"></translation>
+        <translation>Alle filer i denne session er opdaterede.</translation>
     </message>
     <message>
         <source>Back up files</source>
-        <translation type="unfinished"></translation>
+        <translation>Tag backup af filer</translation>
     </message>
     <message>
         <source>%1 was changed on this computer and on the server. Choose which version to keep or keep both of them.</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 blev ændret både på denne computer og på serveren. Vælg, hvilken version du vil beholde, eller behold dem begge.</translation>
     </message>
     <message>
         <source>Network</source>
-        <translation type="unfinished"></translation>
+        <translation>Netværk</translation>
     </message>
     <message>
         <source>Recent Files</source>
-        <translation type="unfinished"></translation>
+        <translation>Seneste filer</translation>
     </message>
     <message>
         <source>File name</source>
-        <translation type="unfinished"></translation>
+        <translation>Filnavn</translation>
     </message>
     <message>
         <source>A folder named %1 already exists.</source>
-        <translation type="unfinished"></translation>
+        <translation>Der findes allerede en mappe med navnet %1.</translation>
     </message>
     <message>
         <source>Connections</source>
-        <translation type="unfinished"></translation>
+        <translation>Forbindelser</translation>
     </message>
     <message>
         <source>Selective Sync...</source>
-        <translation type="unfinished"></translation>
+        <translation>Selektiv synkronisering...</translation>
     </message>
     <message>
         <source>Status</source>
-        <translation type="unfinished"></translation>
+        <translation>Status</translation>
     </message>
     <message>
         <source>Uploading</source>
-        <translation type="unfinished"></translation>
+        <translation>Uploader</translation>
     </message>
     <message>
         <source>Sign-in failed. The username or password is incorrect. Passwords are case-sensitive, so check that Caps Lock is off.</source>
-        <translation type="unfinished"></translation>
+        <translation>Login mislykkedes. Brugernavnet eller adgangskoden er forkert. Der skelnes mellem store og små bogstaver i adgangskoder, så kontrollér, at Caps Lock er slået fra.</translation>
     </message>
     <message>
         <source>Resume</source>
-        <translation type="unfinished"></translation>
+        <translation>Genoptag</translation>
     </message>
     <message>
         <source>Replaces missing or damaged program files and shortcuts with the files of this installation package.</source>
-        <translation type="unfinished"></translation>
+        <translation>Erstatter manglende eller beskadigede programfiler og genveje med filerne fra denne installationspakke.</translation>
     </message>
     <message>
         <source>The server is busy. Quillon will try again in a few minutes.</source>
-        <translation type="unfinished"></translation>
+        <translation>Serveren er optaget. Quillon prøver igen om et par minutter.</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Ready to Remove</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}Klar til fjernelse</translation>
     </message>
     <message>
         <source>Please enter a password.</source>
-        <translation type="unfinished"></translation>
+        <translation>Angiv en adgangskode.</translation>
     </message>
     <message>
         <source>Use the default folder</source>
-        <translation type="unfinished"></translation>
+        <translation>Brug standardmappen</translation>
     </message>
     <message>
         <source>Some files could not be synced</source>
-        <translation type="unfinished"></translation>
+        <translation>Nogle filer kunne ikke synkroniseres</translation>
     </message>
     <message>
         <source>Search files</source>
-        <translation type="unfinished"></translation>
+        <translation>Søg efter filer</translation>
     </message>
     <message>
         <source>Delete Version</source>
-        <translation type="unfinished"></translation>
+        <translation>Slet version</translation>
     </message>
     <message>
         <source>Create Connection</source>
-        <translation type="unfinished"></translation>
+        <translation>Opret forbindelse</translation>
     </message>
     <message>
         <source>Latest version</source>
-        <translation type="unfinished"></translation>
+        <translation>Nyeste version</translation>
     </message>
     <message>
         <source>Setup will guide you through the installation of Quillon. Please exit Quillon and close other programs that may use its files before you continue, so that setup can replace them without a restart.</source>
-        <translation type="unfinished"></translation>
+        <translation>Installationsprogrammet guider dig gennem installationen af Quillon. Afslut Quillon, og luk andre programmer, der bruger dets filer, før du fortsætter, så installationsprogrammet kan udskifte dem uden en genstart.</translation>
     </message>
     <message>
         <source>Restore</source>
-        <translation type="unfinished"></translation>
+        <translation>Gendan</translation>
     </message>
     <message>
         <source>%1 files were added to %2.</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 filer blev føjet til %2.</translation>
     </message>
     <message>
         <source>Owner</source>
-        <translation type="unfinished"></translation>
+        <translation>Ejer</translation>
     </message>
     <message>
         <source>Location</source>
-        <translation type="unfinished"></translation>
+        <translation>Placering</translation>
     </message>
     <message>
         <source>Downloaded</source>
-        <translation type="unfinished"></translation>
+        <translation>Downloadet</translation>
     </message>
     <message>
         <source>Searching for servers on your local network...</source>
-        <translation type="unfinished"></translation>
+        <translation>Søger efter servere på dit lokale netværk...</translation>
     </message>
     <message>
         <source>Syncing %1 files</source>
-        <translation type="unfinished"></translation>
+        <translation>Synkroniserer %1 filer</translation>
     </message>
     <message>
         <source>Speed limit</source>
-        <translation type="unfinished"></translation>
+        <translation>Hastighedsgrænse</translation>
     </message>
     <message>
         <source>Keep the local version</source>
-        <translation type="unfinished"></translation>
+        <translation>Behold den lokale version</translation>
     </message>
     <message>
         <source>%1 could not be deleted because it is in use or you do not have permission to delete it.</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 kunne ikke slettes, fordi elementet er i brug, eller fordi du ikke har tilladelse til at slette det.</translation>
     </message>
     <message>
         <source>Ready to Sync</source>
-        <translation type="unfinished"></translation>
+        <translation>Klar til synkronisering</translation>
     </message>
     <message>
         <source>Ignore</source>
-        <translation type="unfinished"></translation>
+        <translation>Ignorer</translation>
     </message>
     <message>
         <source>Close the applications automatically and start them again afterwards</source>
-        <translation type="unfinished"></translation>
+        <translation>Luk programmerne automatisk, og start dem igen bagefter</translation>
     </message>
     <message>
         <source>Checking for updates...</source>
-        <translation type="unfinished"></translation>
+        <translation>Søger efter opdateringer...</translation>
     </message>
     <message>
         <source>Quillon is now syncing your files. You can follow the progress from the tray icon and change your settings at any time.</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon synkroniserer nu dine filer. Du kan følge forløbet via ikonet i systembakken og ændre dine indstillinger når som helst.</translation>
     </message>
     <message>
         <source>Logs help the support team find the cause of a problem. They contain file names and error messages, but never the contents of your files or your password.</source>
-        <translation type="unfinished"></translation>
+        <translation>Logfiler hjælper supportteamet med at finde årsagen til et problem. De indeholder filnavne og fejlmeddelelser, men aldrig indholdet af dine filer eller din adgangskode.</translation>
     </message>
     <message>
         <source>Sign In Again</source>
-        <translation type="unfinished"></translation>
+        <translation>Log på igen</translation>
     </message>
     <message>
         <source>Network tab</source>
-        <translation type="unfinished"></translation>
+        <translation>Fanen Netværk</translation>
     </message>
     <message>
         <source>Backup Plans</source>
-        <translation type="unfinished"></translation>
+        <translation>Backupplaner</translation>
     </message>
     <message>
         <source>File Filter</source>
-        <translation type="unfinished"></translation>
+        <translation>Filfilter</translation>
     </message>
     <message>
         <source>%1 items could not be synced. Click here to see the details.</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 elementer kunne ikke synkroniseres. Klik her for at se detaljerne.</translation>
     </message>
     <message>
         <source>The folder path is not valid. Please choose a folder on a local drive that you have permission to write to.</source>
-        <translation type="unfinished"></translation>
+        <translation>Mappestien er ikke gyldig. Vælg en mappe på et lokalt drev, som du har tilladelse til at skrive til.</translation>
     </message>
     <message>
         <source>Use * to match any characters and ? to match a single character, for example *.tmp or ~$*</source>
-        <translation type="unfinished"></translation>
+        <translation>Brug * til at matche vilkårlige tegn og ? til at matche ét enkelt tegn, f.eks. *.tmp eller ~$*</translation>
     </message>
     <message>
         <source>Protect the link with a password</source>
-        <translation type="unfinished"></translation>
+        <translation>Beskyt linket med en adgangskode</translation>
     </message>
     <message>
         <source>The connection timed out because the server took too long to respond. Quillon will try again shortly.</source>
-        <translation type="unfinished"></translation>
+        <translation>Forbindelsen fik timeout, fordi serveren var for længe om at svare. Quillon prøver igen om lidt.</translation>
     </message>
     <message>
         <source>Pause All</source>
-        <translation type="unfinished"></translation>
+        <translation>Sæt alle på pause</translation>
     </message>
     <message>
         <source>Update</source>
-        <translation type="unfinished"></translation>
+        <translation>Opdater</translation>
     </message>
     <message>
         <source>Debug</source>
-        <translation type="unfinished"></translation>
+        <translation>Fejlfinding</translation>
     </message>
     <message>
         <source>A conflict occurs when a file is changed on this computer and on the server before the two sides are synced. Quillon never overwrites one change with the other without your consent.</source>
-        <translation type="unfinished"></translation>
+        <translation>Der opstår en konflikt, når en fil ændres både på denne computer og på serveren, før de to sider er synkroniseret. Quillon overskriver aldrig en ændring med en anden uden dit samtykke.</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}End-User License Agreement</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}Slutbrugerlicensaftale</translation>
     </message>
     <message>
         <source>Could not check for updates. Quillon will try again later.</source>
-        <translation type="unfinished"></translation>
+        <translation>Der kunne ikke søges efter opdateringer. Quillon prøver igen senere.</translation>
     </message>
     <message>
         <source>Apply to all conflicts</source>
-        <translation type="unfinished"></translation>
+        <translation>Anvend på alle konflikter</translation>
     </message>
     <message>
         <source>Connected</source>
-        <translation type="unfinished"></translation>
+        <translation>Forbundet</translation>
     </message>
     <message>
         <source>February</source>
-        <translation type="unfinished"></translation>
+        <translation>februar</translation>
     </message>
     <message>
         <source>Back up folders such as Documents and Pictures to your server on a schedule, and restore them whenever you need to.</source>
-        <translation type="unfinished"></translation>
+        <translation>Tag backup af mapper som Dokumenter og Billeder til din server efter en tidsplan, og gendan dem, når du har brug for det.</translation>
     </message>
     <message>
         <source>Black-and-white tray icon</source>
-        <translation type="unfinished"></translation>
+        <translation>Sort-hvidt ikon i systembakken</translation>
     </message>
     <message>
         <source>September</source>
-        <translation type="unfinished"></translation>
+        <translation>september</translation>
     </message>
     <message>
         <source>Click Install to start the installation. Click Back to review or change your choices, or Cancel to exit the wizard.</source>
-        <translation type="unfinished"></translation>
+        <translation>Klik på Installer for at starte installationen. Klik på Tilbage for at gennemse eller ændre dine valg, eller på Annuller for at afslutte guiden.</translation>
     </message>
     <message>
         <source>Rename</source>
-        <translation type="unfinished"></translation>
+        <translation>Omdøb</translation>
     </message>
     <message>
         <source>The local database is damaged. Quillon will rebuild it and compare all files with the server again. This can take a while.</source>
-        <translation type="unfinished"></translation>
+        <translation>Den lokale database er beskadiget. Quillon genopbygger den og sammenligner alle filer med serveren igen. Det kan tage et stykke tid.</translation>
     </message>
     <message>
         <source>Keep Server Version</source>
-        <translation type="unfinished"></translation>
+        <translation>Behold serverversion</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Bigger}Setup Was Canceled</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Bigger}Installationen blev annulleret</translation>
     </message>
     <message>
         <source>A backup plan copies the selected folders to the server on a schedule. Deleting a file on this computer does not delete its backup, and earlier versions can be restored at any time.</source>
-        <translation type="unfinished"></translation>
+        <translation>En backupplan kopierer de valgte mapper til serveren efter en tidsplan. Hvis du sletter en fil på denne computer, slettes dens backup ikke, og tidligere versioner kan til enhver tid gendannes.</translation>
     </message>
     <message>
         <source>Queued</source>
-        <translation type="unfinished"></translation>
+        <translation>I kø</translation>
     </message>
     <message>
         <source>October</source>
-        <translation type="unfinished"></translation>
+        <translation>oktober</translation>
     </message>
     <message>
         <source>Install and Restart</source>
-        <translation type="unfinished"></translation>
+        <translation>Installer og genstart</translation>
     </message>
     <message>
         <source>Allow visitors to download the shared files</source>
-        <translation type="unfinished"></translation>
+        <translation>Tillad besøgende at downloade de delte filer</translation>
     </message>
     <message>
         <source>Disk Size</source>
-        <translation type="unfinished"></translation>
+        <translation>Diskstørrelse</translation>
     </message>
     <message>
         <source>April</source>
-        <translation type="unfinished"></translation>
+        <translation>april</translation>
     </message>
     <message>
         <source>Uploaded</source>
-        <translation type="unfinished"></translation>
+        <translation>Uploadet</translation>
     </message>
     <message>
         <source>About %1 of free space is needed on this computer.</source>
-        <translation type="unfinished"></translation>
+        <translation>Der kræves ca. %1 ledig plads på denne computer.</translation>
     </message>
     <message>
         <source>Do you want to unlink this computer from the server? All sync sessions of this connection will be removed. Your files are not deleted.</source>
-        <translation type="unfinished"></translation>
+        <translation>Vil du fjerne tilknytningen mellem denne computer og serveren? Alle synkroniseringssessioner for denne forbindelse bliver fjernet. Dine filer bliver ikke slettet.</translation>
     </message>
     <message>
         <source>Every hour</source>
-        <translation type="unfinished"></translation>
+        <translation>Hver time</translation>
     </message>
     <message>
         <source>Change...</source>
-        <translation type="unfinished"></translation>
+        <translation>Skift...</translation>
     </message>
     <message>
         <source>Scanning local files for changes...</source>
-        <translation type="unfinished"></translation>
+        <translation>Scanner lokale filer for ændringer...</translation>
     </message>
     <message>
         <source>The server cannot be reached. Check that it is switched on and connected to the network. Quillon keeps trying to reconnect.</source>
-        <translation type="unfinished"></translation>
+        <translation>Serveren kan ikke nås. Kontrollér, at den er tændt og forbundet til netværket. Quillon bliver ved med at forsøge at genoprette forbindelsen.</translation>
     </message>
     <message>
         <source>Privacy Policy</source>
-        <translation type="unfinished"></translation>
+        <translation>Privatlivspolitik</translation>
     </message>
     <message>
         <source>This version of Quillon is no longer supported by the server. Please install the latest version to continue syncing.</source>
-        <translation type="unfinished"></translation>
+        <translation>Denne version af Quillon understøttes ikke længere af serveren. Installer den nyeste version for at fortsætte synkroniseringen.</translation>
     </message>
     <message>
         <source>Next tip</source>
-        <translation type="unfinished"></translation>
+        <translation>Næste tip</translation>
     </message>
     <message>
         <source>The sync session has been created. Quillon starts syncing right away.</source>
-        <translation type="unfinished"></translation>
+        <translation>Synkroniseringssessionen er oprettet. Quillon begynder at synkronisere med det samme.</translation>
     </message>
     <message>
         <source>Type</source>
-        <translation type="unfinished"></translation>
+        <translation>Type</translation>
     </message>
     <message>
         <source>Leave the applications open and restart the computer later</source>
-        <translation type="unfinished"></translation>
+        <translation>Lad programmerne være åbne, og genstart computeren senere</translation>
     </message>
     <message>
         <source>Session Details</source>
-        <translation type="unfinished"></translation>
+        <translation>Sessionsdetaljer</translation>
     </message>
     <message>
         <source>Do you want to remove this sync session? Syncing stops, but the files on this computer and on the server are kept.</source>
-        <translation type="unfinished"></translation>
+        <translation>Vil du fjerne denne synkroniseringssession? Synkroniseringen stopper, men filerne på denne computer og på serveren bevares.</translation>
     </message>
     <message>
         <source>Keep Local Version</source>
-        <translation type="unfinished"></translation>
+        <translation>Behold lokal version</translation>
     </message>
     <message>
         <source>Sync Settings</source>
-        <translation type="unfinished"></translation>
+        <translation>Synkroniseringsindstillinger</translation>
     </message>
     <message>
         <source>Sharing is disabled for this account. Contact your administrator if you need to share files.</source>
-        <translation type="unfinished"></translation>
+        <translation>Deling er deaktiveret for denne konto. Kontakt din administrator, hvis du har brug for at dele filer.</translation>
     </message>
     <message>
         <source>This program requires Windows 7 Service Pack 1 or later. Setup will now exit.</source>
-        <translation type="unfinished"></translation>
+        <translation>Dette program kræver Windows 7 Service Pack 1 eller nyere. Installationsprogrammet afsluttes nu.</translation>
     </message>
     <message>
         <source>Remove Rule</source>
-        <translation type="unfinished"></translation>
+        <translation>Fjern regel</translation>
     </message>
     <message>
         <source>Get Support</source>
-        <translation type="unfinished"></translation>
+        <translation>Få support</translation>
     </message>
     <message>
         <source>Server</source>
-        <translation type="unfinished"></translation>
+        <translation>Server</translation>
     </message>
     <message>
         <source>Sync status</source>
-        <translation type="unfinished"></translation>
+        <translation>Synkroniseringsstatus</translation>
     </message>
     <message>
         <source>Stop Sharing</source>
-        <translation type="unfinished"></translation>
+        <translation>Stop deling</translation>
     </message>
     <message>
         <source>November</source>
-        <translation type="unfinished"></translation>
+        <translation>november</translation>
     </message>
     <message>
         <source>Language</source>
-        <translation type="unfinished"></translation>
+        <translation>Sprog</translation>
     </message>
     <message>
         <source>A sync conflict occurred for %1. Both versions have been kept.</source>
-        <translation type="unfinished"></translation>
+        <translation>Der opstod en synkroniseringskonflikt for %1. Begge versioner er bevaret.</translation>
     </message>
     <message>
         <source>Install [ProductName] in this folder:</source>
-        <translation type="unfinished"></translation>
+        <translation>Installer [ProductName] i denne mappe:</translation>
     </message>
     <message>
         <source>Setup stopped because of an error. Nothing on your computer has been changed. Run the Setup Wizard again later to install the program.</source>
-        <translation type="unfinished"></translation>
+        <translation>Installationen stoppede på grund af en fejl. Intet på din computer er blevet ændret. Kør installationsguiden igen senere for at installere programmet.</translation>
     </message>
     <message>
         <source>Server name, IP address or relay ID, for example files.example.com</source>
-        <translation type="unfinished"></translation>
+        <translation>Servernavn, IP-adresse eller relæ-id, f.eks. files.example.com</translation>
     </message>
     <message>
         <source>Waiting</source>
-        <translation type="unfinished"></translation>
+        <translation>Venter</translation>
     </message>
     <message>
         <source>Never expires</source>
-        <translation type="unfinished"></translation>
+        <translation>Udløber aldrig</translation>
     </message>
     <message>
         <source>A newer version of [ProductName] is already installed on this computer. Setup will now exit.</source>
-        <translation type="unfinished"></translation>
+        <translation>En nyere version af [ProductName] er allerede installeret på denne computer. Installationsprogrammet afsluttes nu.</translation>
     </message>
     <message>
         <source>Created on %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Oprettet den %1</translation>
     </message>
     <message>
         <source>Wednesday</source>
-        <translation type="unfinished"></translation>
+        <translation>onsdag</translation>
     </message>
     <message>
         <source>Downloading</source>
-        <translation type="unfinished"></translation>
+        <translation>Downloader</translation>
     </message>
     <message>
         <source>When a conflict occurs</source>
-        <translation type="unfinished"></translation>
+        <translation>Når der opstår en konflikt</translation>
     </message>
     <message>
         <source>Add Connection...</source>
-        <translation type="unfinished"></translation>
+        <translation>Tilføj forbindelse...</translation>
     </message>
     <message>
         <source>Downloading update... %1%</source>
-        <translation type="unfinished"></translation>
+        <translation>Downloader opdatering... %1 %</translation>
     </message>
     <message>
         <source>Automatic Setup</source>
-        <translation type="unfinished"></translation>
+        <translation>Automatisk konfiguration</translation>
     </message>
     <message>
         <source>The Setup Wizard will update the installed copy of [ProductName] on your computer. Your sync sessions and settings are kept. Click Next to continue or Cancel to exit the wizard.</source>
-        <translation type="unfinished"></translation>
+        <translation>Installationsguiden opdaterer den installerede kopi af [ProductName] på din computer. Dine synkroniseringssessioner og indstillinger bevares. Klik på Næste for at fortsætte eller på Annuller for at afslutte guiden.</translation>
     </message>
     <message>
         <source>The logs have been saved to your desktop as a compressed archive.</source>
-        <translation type="unfinished"></translation>
+        <translation>Logfilerne er gemt på dit skrivebord som et komprimeret arkiv.</translation>
     </message>
     <message>
         <source>Pause syncing</source>
-        <translation type="unfinished"></translation>
+        <translation>Sæt synkronisering på pause</translation>
     </message>
     <message>
         <source>Do not use the proxy for local addresses</source>
-        <translation type="unfinished"></translation>
+        <translation>Brug ikke proxyen til lokale adresser</translation>
     </message>
     <message>
         <source>Remove</source>
-        <translation type="unfinished"></translation>
+        <translation>Fjern</translation>
     </message>
     <message>
         <source>Create a desktop shortcut</source>
-        <translation type="unfinished"></translation>
+        <translation>Opret en genvej på skrivebordet</translation>
     </message>
     <message>
         <source>You are offline. Changes are kept on this computer and synced when the connection is back.</source>
-        <translation type="unfinished"></translation>
+        <translation>Du er offline. Ændringerne gemmes på denne computer og synkroniseres, når forbindelsen er tilbage.</translation>
     </message>
     <message>
         <source>A new version of Quillon is available. Click here to update.</source>
-        <translation type="unfinished"></translation>
+        <translation>Der findes en ny version af Quillon. Klik her for at opdatere.</translation>
     </message>
     <message>
         <source>Downloading %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Downloader %1</translation>
     </message>
     <message>
         <source>%1 files were deleted from %2. Do you want to delete them on the other side too? Choose Restore if you did not delete them on purpose, and the files will be downloaded again.</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 filer blev slettet fra %2. Vil du også slette dem på den anden side? Vælg Gendan, hvis du ikke slettede dem med vilje, så bliver filerne downloadet igen.</translation>
     </message>
     <message>
         <source>Enter the address manually</source>
-        <translation type="unfinished"></translation>
+        <translation>Angiv adressen manuelt</translation>
     </message>
     <message>
         <source>Download only</source>
-        <translation type="unfinished"></translation>
+        <translation>Kun download</translation>
     </message>
     <message>
         <source>A sharing link has been created and copied to the clipboard.</source>
-        <translation type="unfinished"></translation>
+        <translation>Der er oprettet et delingslink, og det er kopieret til udklipsholderen.</translation>
     </message>
     <message>
         <source>The program has been installed. Click Finish to close the Setup Wizard.</source>
-        <translation type="unfinished"></translation>
+        <translation>Programmet er installeret. Klik på Udfør for at lukke installationsguiden.</translation>
     </message>
     <message>
         <source>Exclude from Sync</source>
-        <translation type="unfinished"></translation>
+        <translation>Udeluk fra synkronisering</translation>
     </message>
     <message>
         <source>No servers were found on your local network.</source>
-        <translation type="unfinished"></translation>
+        <translation>Der blev ikke fundet nogen servere på dit lokale netværk.</translation>
     </message>
     <message>
         <source>%1 MB</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 MB</translation>
     </message>
     <message>
         <source>The Setup Wizard is repairing the program. This may take several minutes.</source>
-        <translation type="unfinished"></translation>
+        <translation>Installationsguiden reparerer programmet. Det kan tage flere minutter.</translation>
     </message>
     <message>
         <source>Print</source>
-        <translation type="unfinished"></translation>
+        <translation>Udskriv</translation>
     </message>
     <message>
         <source>Less than %1 of free space is left on this computer. Syncing will pause when the disk is full.</source>
-        <translation type="unfinished"></translation>
+        <translation>Der er mindre end %1 ledig plads tilbage på denne computer. Synkroniseringen sættes på pause, når disken er fuld.</translation>
     </message>
     <message>
         <source>Details</source>
-        <translation type="unfinished"></translation>
+        <translation>Detaljer</translation>
     </message>
     <message>
         <source>Every week</source>
-        <translation type="unfinished"></translation>
+        <translation>Hver uge</translation>
     </message>
     <message>
         <source>The connection to %1 was lost. Quillon keeps trying to reconnect.</source>
-        <translation type="unfinished"></translation>
+        <translation>Forbindelsen til %1 blev afbrudt. Quillon bliver ved med at forsøge at genoprette forbindelsen.</translation>
     </message>
     <message>
         <source>Welcome to the Quillon Installer</source>
-        <translation type="unfinished"></translation>
+        <translation>Velkommen til installationsprogrammet til Quillon</translation>
     </message>
     <message>
         <source>The changes made to [ProductName] take effect after your computer restarts. Click Yes to restart now or No to restart later.</source>
-        <translation type="unfinished"></translation>
+        <translation>Ændringerne af [ProductName] træder i kraft, når computeren er genstartet. Klik på Ja for at genstarte nu eller på Nej for at genstarte senere.</translation>
     </message>
     <message>
         <source>Quick Start Guide</source>
-        <translation type="unfinished"></translation>
+        <translation>Kom godt i gang</translation>
     </message>
     <message>
         <source>Icons on your files show whether they are synced, are being synced or have a problem that needs your attention.</source>
-        <translation type="unfinished"></translation>
+        <translation>Ikoner på dine filer viser, om de er synkroniseret, er ved at blive synkroniseret eller har et problem, der kræver din opmærksomhed.</translation>
     </message>
     <message>
         <source>Choose which server folders are kept on this computer with Selective Sync, and save space on a small disk.</source>
-        <translation type="unfinished"></translation>
+        <translation>Vælg med Selektiv synkronisering, hvilke servermapper der skal være på denne computer, og spar plads på en lille disk.</translation>
     </message>
     <message>
         <source>Changes on either side are copied to the other side, including deletions.</source>
-        <translation type="unfinished"></translation>
+        <translation>Ændringer på den ene side kopieres til den anden side, også sletninger.</translation>
     </message>
     <message>
         <source>Copyright © 2024 Tessaril. All rights reserved.</source>
-        <translation type="unfinished"></translation>
+        <translation>Copyright © 2024 Tessaril. Alle rettigheder forbeholdes.</translation>
     </message>
     <message>
         <source>Account picture</source>
-        <translation type="unfinished"></translation>
+        <translation>Profilbillede</translation>
     </message>
     <message>
         <source>Loading...</source>
-        <translation type="unfinished"></translation>
+        <translation>Indlæser...</translation>
     </message>
     <message>
         <source>Read only</source>
-        <translation type="unfinished"></translation>
+        <translation>Skrivebeskyttet</translation>
     </message>
 </context>
 </TS>
