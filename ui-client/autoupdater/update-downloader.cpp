@@ -19,6 +19,11 @@ const int REDIRECT_LIMIT = 32;
 // Update packs can be large: the digest is computed over chunks of this size
 // so memory stays flat whatever the file's size.
 const qint64 HASH_CHUNK_SIZE = 1024 * 1024;
+// How much received data the network library may hold before it stops
+// reading from the connection until readyRead() has drained it. Without a
+// limit it reads as fast as the peer sends, and a fast server fills memory
+// with data the disk has not taken yet.
+const qint64 READ_BUFFER_SIZE = 1024 * 1024;
 } // namespace
 
 const QString UpdateDownloader::TEMP_EXT = QStringLiteral(".download");
@@ -49,6 +54,7 @@ void UpdateDownloader::download() {
 
     timer->start(getTimeout());
     reply = manager->get(request);
+    reply->setReadBufferSize(READ_BUFFER_SIZE);
 
     connect(reply, &QNetworkReply::readyRead, this, &UpdateDownloader::readyRead);
     connect(reply, &QNetworkReply::finished, this, &UpdateDownloader::downloadFinished);
