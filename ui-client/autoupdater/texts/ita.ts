@@ -7,11 +7,11 @@
     <name>global</name>
     <message>
         <source>Open Folder</source>
-        <translation>Aprire cartella</translation>
+        <translation>Apri cartella</translation>
     </message>
     <message>
         <source>This wizard installs [ProductName] on your computer. Click Next to continue or Cancel to exit the wizard.</source>
-        <translation>Questa procedura guidata installa [ProductName] su questo computer. Fare clic su “Avanti” per continuare o su “Annullare” per uscire dalla procedura guidata.</translation>
+        <translation>Questa procedura guidata installa [ProductName] su questo computer. Fare clic su “Avanti” per continuare o su “Annulla” per uscire dalla procedura guidata.</translation>
     </message>
     <message>
         <source>Folder on the server</source>
@@ -51,7 +51,7 @@
     </message>
     <message>
         <source>Clear all</source>
-        <translation>Cancellare tutto</translation>
+        <translation>Cancella tutto</translation>
     </message>
     <message>
         <source>Schedule</source>
@@ -63,7 +63,7 @@
     </message>
     <message>
         <source>Exit</source>
-        <translation>Uscire</translation>
+        <translation>Esci</translation>
     </message>
     <message>
         <source>The backup destination does not have enough free space. Free some space on the server or reduce the number of kept versions.</source>
@@ -75,7 +75,7 @@
     </message>
     <message>
         <source>Close</source>
-        <translation>Chiudere</translation>
+        <translation>Chiudi</translation>
     </message>
     <message>
         <source>Display language</source>
@@ -95,7 +95,7 @@
     </message>
     <message>
         <source>Change Password...</source>
-        <translation>Cambiare password...</translation>
+        <translation>Cambia password...</translation>
     </message>
     <message>
         <source>The selected folder already contains files. They will be merged with the files on the server.</source>
@@ -115,7 +115,7 @@
     </message>
     <message>
         <source>Pause</source>
-        <translation>Sospendere</translation>
+        <translation>Sospendi</translation>
     </message>
     <message>
         <source>Sunday</source>
@@ -139,7 +139,7 @@
     </message>
     <message>
         <source>Delete</source>
-        <translation>Eliminare</translation>
+        <translation>Elimina</translation>
     </message>
     <message>
         <source>Quillon has been set up by your administrator and is now syncing your files.</source>
@@ -151,7 +151,7 @@
     </message>
     <message>
         <source>Hide password</source>
-        <translation>Nascondere password</translation>
+        <translation>Nascondi password</translation>
     </message>
     <message>
         <source>Can view</source>
@@ -179,7 +179,7 @@
     </message>
     <message>
         <source>Expand folder</source>
-        <translation>Espandere cartella</translation>
+        <translation>Espandi cartella</translation>
     </message>
     <message>
         <source>Versions are kept for %1 days. Older versions are removed automatically by the server.</source>
@@ -195,15 +195,15 @@
     </message>
     <message>
         <source>Download</source>
-        <translation>Scaricare</translation>
+        <translation>Scarica</translation>
     </message>
     <message>
         <source>Sign In with Single Sign-On</source>
-        <translation>Accedere con Single Sign-On</translation>
+        <translation>Accedi con Single Sign-On</translation>
     </message>
     <message>
         <source>Open in Browser</source>
-        <translation>Aprire nel browser</translation>
+        <translation>Apri nel browser</translation>
     </message>
     <message>
         <source>%1 GB</source>
@@ -211,7 +211,7 @@
     </message>
     <message>
         <source>Sync file permissions and attributes</source>
-        <translation>Sincronizzare autorizzazioni e attributi dei file</translation>
+        <translation>Sincronizza autorizzazioni e attributi dei file</translation>
     </message>
     <message>
         <source>Quillon cannot write to the sync folder. Check the permissions of the folder and that the disk is not read-only.</source>
@@ -227,11 +227,11 @@
     </message>
     <message>
         <source>Show in Folder</source>
-        <translation>Mostrare nella cartella</translation>
+        <translation>Mostra nella cartella</translation>
     </message>
     <message>
         <source>No connection has been set up yet. Click Add Connection to connect Quillon to your server.</source>
-        <translation>Non è stata ancora configurata alcuna connessione. Fare clic su “Aggiungere connessione” per connettere Quillon al server.</translation>
+        <translation>Non è stata ancora configurata alcuna connessione. Fare clic su “Aggiungi connessione” per connettere Quillon al server.</translation>
     </message>
     <message>
         <source>Paused</source>
@@ -239,7 +239,7 @@
     </message>
     <message>
         <source>Pause until I resume</source>
-        <translation>Sospendere fino alla ripresa manuale</translation>
+        <translation>Sospendi fino alla ripresa manuale</translation>
     </message>
     <message>
         <source>Unable to connect to the server. Please check the server address and your network connection, and make sure that a firewall does not block Quillon.</source>
@@ -255,7 +255,7 @@
     </message>
     <message>
         <source>Sign Out</source>
-        <translation>Uscire dall&apos;account</translation>
+        <translation>Esci dall&apos;account</translation>
     </message>
     <message>
         <source>Files appear on this computer but take up no space until you open them. Files you open are downloaded and kept up to date.</source>
@@ -271,15 +271,15 @@
     </message>
     <message>
         <source>Show More</source>
-        <translation>Mostrare altro</translation>
+        <translation>Mostra altro</translation>
     </message>
     <message>
         <source>Remember password</source>
-        <translation>Memorizzare la password</translation>
+        <translation>Memorizza la password</translation>
     </message>
     <message>
         <source>Open With...</source>
-        <translation>Aprire con...</translation>
+        <translation>Apri con...</translation>
     </message>
     <message>
         <source>Thank you for your feedback. It helps us make Quillon better.</source>
@@ -287,7 +287,7 @@
     </message>
     <message>
         <source>Copy</source>
-        <translation>Copiare</translation>
+        <translation>Copia</translation>
     </message>
     <message>
         <source>Verification code</source>
@@ -307,7 +307,7 @@
     </message>
     <message>
         <source>Compare</source>
-        <translation>Confrontare</translation>
+        <translation>Confronta</translation>
     </message>
     <message>
         <source>Account</source>
@@ -319,7 +319,7 @@
     </message>
     <message>
         <source>Cancel</source>
-        <translation>Annullare</translation>
+        <translation>Annulla</translation>
     </message>
     <message>
         <source>Proxy Settings</source>
@@ -347,7 +347,7 @@
     </message>
     <message>
         <source>Trust this certificate</source>
-        <translation>Considerare attendibile questo certificato</translation>
+        <translation>Considera attendibile questo certificato</translation>
     </message>
     <message>
         <source>Settings</source>
@@ -383,11 +383,11 @@
     </message>
     <message>
         <source>Select all</source>
-        <translation>Selezionare tutto</translation>
+        <translation>Seleziona tutto</translation>
     </message>
     <message>
         <source>Pause for 8 hours</source>
-        <translation>Sospendere per 8 ore</translation>
+        <translation>Sospendi per 8 ore</translation>
     </message>
     <message>
         <source>Finish</source>
@@ -395,7 +395,7 @@
     </message>
     <message>
         <source>Remove Connection</source>
-        <translation>Rimuovere connessione</translation>
+        <translation>Rimuovi connessione</translation>
     </message>
     <message>
         <source>Your storage quota on the server is used up. Delete files on the server or ask your administrator for more space to continue syncing.</source>
@@ -403,7 +403,7 @@
     </message>
     <message>
         <source>Edit Session</source>
-        <translation>Modificare sessione</translation>
+        <translation>Modifica sessione</translation>
     </message>
     <message>
         <source>You need administrator rights to install this program for all users. Sign in as an administrator or install it for your account only.</source>
@@ -435,7 +435,7 @@
     </message>
     <message>
         <source>Add Session</source>
-        <translation>Aggiungere sessione</translation>
+        <translation>Aggiungi sessione</translation>
     </message>
     <message>
         <source>Your password was changed on the server. Please sign in again with the new password to continue syncing.</source>
@@ -459,7 +459,7 @@
     </message>
     <message>
         <source>Sign In</source>
-        <translation>Accedere</translation>
+        <translation>Accedi</translation>
     </message>
     <message>
         <source>You do not have permission to access this folder. Ask the owner of the folder or your administrator to grant you access.</source>
@@ -467,7 +467,7 @@
     </message>
     <message>
         <source>Dismiss notification</source>
-        <translation>Ignorare notifica</translation>
+        <translation>Ignora notifica</translation>
     </message>
     <message>
         <source>The marked volumes do not have enough free space for the program. Free some space on them or choose a destination folder on another volume.</source>
@@ -503,7 +503,7 @@
     </message>
     <message>
         <source>View File History</source>
-        <translation>Visualizzare cronologia file</translation>
+        <translation>Visualizza cronologia file</translation>
     </message>
     <message>
         <source>Do you want to pause syncing for all sessions? Changes are synced again once you resume.</source>
@@ -511,7 +511,7 @@
     </message>
     <message>
         <source>Always Keep on This Computer</source>
-        <translation>Mantenere sempre su questo computer</translation>
+        <translation>Mantieni sempre su questo computer</translation>
     </message>
     <message>
         <source>No matching files found.</source>
@@ -519,7 +519,7 @@
     </message>
     <message>
         <source>Keep files on the server when they are deleted on this computer</source>
-        <translation>Mantenere i file sul server quando vengono eliminati su questo computer</translation>
+        <translation>Mantieni i file sul server quando vengono eliminati su questo computer</translation>
     </message>
     <message>
         <source>Loading folder list...</source>
@@ -535,7 +535,7 @@
     </message>
     <message>
         <source>Repair</source>
-        <translation>Riparare</translation>
+        <translation>Ripara</translation>
     </message>
     <message>
         <source>File extension</source>
@@ -543,7 +543,7 @@
     </message>
     <message>
         <source>Show Quillon</source>
-        <translation>Mostrare Quillon</translation>
+        <translation>Mostra Quillon</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Ready to Install</source>
@@ -559,7 +559,7 @@
     </message>
     <message>
         <source>Add Connection</source>
-        <translation>Aggiungere connessione</translation>
+        <translation>Aggiungi connessione</translation>
     </message>
     <message>
         <source>Created</source>
@@ -575,7 +575,7 @@
     </message>
     <message>
         <source>Minimize</source>
-        <translation>Ridurre a icona</translation>
+        <translation>Riduci a icona</translation>
     </message>
     <message>
         <source>Quillon – paused</source>
@@ -583,7 +583,7 @@
     </message>
     <message>
         <source>Join the beta program</source>
-        <translation>Partecipare al programma beta</translation>
+        <translation>Partecipa al programma beta</translation>
     </message>
     <message>
         <source>Sync direction</source>
@@ -607,7 +607,7 @@
     </message>
     <message>
         <source>Save</source>
-        <translation>Salvare</translation>
+        <translation>Salva</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Removing [ProductName]</source>
@@ -615,7 +615,7 @@
     </message>
     <message>
         <source>Skip tour</source>
-        <translation>Saltare la presentazione</translation>
+        <translation>Salta la presentazione</translation>
     </message>
     <message>
         <source>The folder holds more than %1 items, which is the limit of a sync session. Use Selective Sync to sync fewer folders.</source>
@@ -655,7 +655,7 @@
     </message>
     <message>
         <source>Send Feedback</source>
-        <translation>Inviare feedback</translation>
+        <translation>Invia feedback</translation>
     </message>
     <message>
         <source>Two-way sync</source>
@@ -667,7 +667,7 @@
     </message>
     <message>
         <source>Apply</source>
-        <translation>Applicare</translation>
+        <translation>Applica</translation>
     </message>
     <message>
         <source>Please enter the server address.</source>
@@ -683,7 +683,7 @@
     </message>
     <message>
         <source>Open Web Portal</source>
-        <translation>Aprire portale web</translation>
+        <translation>Apri portale web</translation>
     </message>
     <message>
         <source>Signed in as %1</source>
@@ -699,7 +699,7 @@
     </message>
     <message>
         <source>Create a new folder</source>
-        <translation>Creare una nuova cartella</translation>
+        <translation>Crea una nuova cartella</translation>
     </message>
     <message>
         <source>System folders, such as the root folder or the folder of a program, cannot be used as sync folders.</source>
@@ -711,15 +711,15 @@
     </message>
     <message>
         <source>Run Quillon</source>
-        <translation>Avviare Quillon</translation>
+        <translation>Avvia Quillon</translation>
     </message>
     <message>
         <source>Create Link</source>
-        <translation>Creare link</translation>
+        <translation>Crea link</translation>
     </message>
     <message>
         <source>Start the client when I sign in to Windows</source>
-        <translation>Avviare il client all&apos;accesso a Windows</translation>
+        <translation>Avvia il client all&apos;accesso a Windows</translation>
     </message>
     <message>
         <source>List of files</source>
@@ -735,7 +735,7 @@
     </message>
     <message>
         <source>Limit upload speed</source>
-        <translation>Limitare la velocità di upload</translation>
+        <translation>Limita la velocità di upload</translation>
     </message>
     <message>
         <source>The file could not be opened.</source>
@@ -751,7 +751,7 @@
     </message>
     <message>
         <source>Install</source>
-        <translation>Installare</translation>
+        <translation>Installa</translation>
     </message>
     <message>
         <source>I accept the terms of the license agreement</source>
@@ -763,7 +763,7 @@
     </message>
     <message>
         <source>Include the sync database</source>
-        <translation>Includere il database di sincronizzazione</translation>
+        <translation>Includi il database di sincronizzazione</translation>
     </message>
     <message>
         <source>Step %1 of %2</source>
@@ -779,7 +779,7 @@
     </message>
     <message>
         <source>Create a shortcut on the desktop</source>
-        <translation>Creare un collegamento sul desktop</translation>
+        <translation>Crea un collegamento sul desktop</translation>
     </message>
     <message>
         <source>Reconnecting...</source>
@@ -795,7 +795,7 @@
     </message>
     <message>
         <source>Keep the server version</source>
-        <translation>Mantenere la versione del server</translation>
+        <translation>Mantieni la versione del server</translation>
     </message>
     <message>
         <source>Quillon Setup Is Complete</source>
@@ -807,7 +807,7 @@
     </message>
     <message>
         <source>Open local folder</source>
-        <translation>Aprire cartella locale</translation>
+        <translation>Apri cartella locale</translation>
     </message>
     <message>
         <source>Deleted Files</source>
@@ -819,7 +819,7 @@
     </message>
     <message>
         <source>Open Server Folder</source>
-        <translation>Aprire cartella del server</translation>
+        <translation>Apri cartella del server</translation>
     </message>
     <message>
         <source>The link has been copied to the clipboard. Paste it into an email or a chat message to share it.</source>
@@ -831,7 +831,7 @@
     </message>
     <message>
         <source>Create Backup Plan</source>
-        <translation>Creare piano di backup</translation>
+        <translation>Crea piano di backup</translation>
     </message>
     <message>
         <source>Advanced Settings</source>
@@ -855,11 +855,11 @@
     </message>
     <message>
         <source>Right-click a file or folder and choose Share to send a link to anyone, even to people without an account.</source>
-        <translation>Fare clic con il pulsante destro del mouse su un file o una cartella e scegliere “Condividere” per inviare un link a chiunque, anche a chi non ha un account.</translation>
+        <translation>Fare clic con il pulsante destro del mouse su un file o una cartella e scegliere “Condividi” per inviare un link a chiunque, anche a chi non ha un account.</translation>
     </message>
     <message>
         <source>Create Sync Session</source>
-        <translation>Creare sessione di sincronizzazione</translation>
+        <translation>Crea sessione di sincronizzazione</translation>
     </message>
     <message>
         <source>The file is larger than the maximum file size allowed by the server and will not be uploaded.</source>
@@ -875,7 +875,7 @@
     </message>
     <message>
         <source>Back Up Now</source>
-        <translation>Eseguire backup ora</translation>
+        <translation>Esegui backup ora</translation>
     </message>
     <message>
         <source>The file filter has changed. Files that no longer match will be removed from this computer but stay on the server.</source>
@@ -891,7 +891,7 @@
     </message>
     <message>
         <source>Show desktop notifications</source>
-        <translation>Mostrare le notifiche sul desktop</translation>
+        <translation>Mostra le notifiche sul desktop</translation>
     </message>
     <message>
         <source>Warning</source>
@@ -931,7 +931,7 @@
     </message>
     <message>
         <source>Clear search</source>
-        <translation>Cancellare ricerca</translation>
+        <translation>Cancella ricerca</translation>
     </message>
     <message>
         <source>Forgot your password?</source>
@@ -943,11 +943,11 @@
     </message>
     <message>
         <source>Browse...</source>
-        <translation>Sfogliare...</translation>
+        <translation>Sfoglia...</translation>
     </message>
     <message>
         <source>Add Rule</source>
-        <translation>Aggiungere regola</translation>
+        <translation>Aggiungi regola</translation>
     </message>
     <message>
         <source>Selective Sync</source>
@@ -979,7 +979,7 @@
     </message>
     <message>
         <source>Sync This Folder</source>
-        <translation>Sincronizzare questa cartella</translation>
+        <translation>Sincronizza questa cartella</translation>
     </message>
     <message>
         <source>Syncing</source>
@@ -995,19 +995,19 @@
     </message>
     <message>
         <source>Attach the log files to help us find the cause of the problem</source>
-        <translation>Allegare i file di log per aiutarci a individuare la causa del problema</translation>
+        <translation>Allega i file di log per aiutarci a individuare la causa del problema</translation>
     </message>
     <message>
         <source>Copy Link</source>
-        <translation>Copiare link</translation>
+        <translation>Copia link</translation>
     </message>
     <message>
         <source>Use an encrypted connection (HTTPS)</source>
-        <translation>Usare una connessione crittografata (HTTPS)</translation>
+        <translation>Usa una connessione crittografata (HTTPS)</translation>
     </message>
     <message>
         <source>Launch [ProductName]</source>
-        <translation>Avviare [ProductName]</translation>
+        <translation>Avvia [ProductName]</translation>
     </message>
     <message>
         <source>The local folder of this sync session no longer exists. Restore the folder or choose a new one in the session settings.</source>
@@ -1019,7 +1019,7 @@
     </message>
     <message>
         <source>Install updates automatically</source>
-        <translation>Installare gli aggiornamenti automaticamente</translation>
+        <translation>Installa gli aggiornamenti automaticamente</translation>
     </message>
     <message>
         <source>File History</source>
@@ -1027,7 +1027,7 @@
     </message>
     <message>
         <source>Trust this computer</source>
-        <translation>Considerare attendibile questo computer</translation>
+        <translation>Considera attendibile questo computer</translation>
     </message>
     <message>
         <source>Thursday</source>
@@ -1051,7 +1051,7 @@
     </message>
     <message>
         <source>Check for updates automatically</source>
-        <translation>Cercare automaticamente gli aggiornamenti</translation>
+        <translation>Cerca automaticamente gli aggiornamenti</translation>
     </message>
     <message>
         <source>Loading versions...</source>
@@ -1063,7 +1063,7 @@
     </message>
     <message>
         <source>Quillon will be installed in the folder below. To choose another folder, click Browse. Click Install to start the installation.</source>
-        <translation>Quillon verrà installato nella cartella seguente. Per scegliere un&apos;altra cartella, fare clic su “Sfogliare”. Fare clic su “Installare” per avviare l&apos;installazione.</translation>
+        <translation>Quillon verrà installato nella cartella seguente. Per scegliere un&apos;altra cartella, fare clic su “Sfoglia”. Fare clic su “Installa” per avviare l&apos;installazione.</translation>
     </message>
     <message>
         <source>From %1 to %2</source>
@@ -1075,7 +1075,7 @@
     </message>
     <message>
         <source>Open File</source>
-        <translation>Aprire file</translation>
+        <translation>Apri file</translation>
     </message>
     <message>
         <source>This sharing link has expired and can no longer be opened.</source>
@@ -1087,7 +1087,7 @@
     </message>
     <message>
         <source>Click Repair to restore missing or damaged files and shortcuts. Your settings and sync sessions are not changed. Click Cancel to exit the wizard.</source>
-        <translation>Fare clic su “Riparare” per ripristinare i file e i collegamenti mancanti o danneggiati. Le impostazioni e le sessioni di sincronizzazione non vengono modificate. Fare clic su “Annullare” per uscire dalla procedura guidata.</translation>
+        <translation>Fare clic su “Ripara” per ripristinare i file e i collegamenti mancanti o danneggiati. Le impostazioni e le sessioni di sincronizzazione non vengono modificate. Fare clic su “Annulla” per uscire dalla procedura guidata.</translation>
     </message>
     <message>
         <source>No</source>
@@ -1115,7 +1115,7 @@
     </message>
     <message>
         <source>Move Sync Folder...</source>
-        <translation>Spostare cartella di sincronizzazione...</translation>
+        <translation>Sposta cartella di sincronizzazione...</translation>
     </message>
     <message>
         <source>Username</source>
@@ -1127,11 +1127,11 @@
     </message>
     <message>
         <source>Sync Now</source>
-        <translation>Sincronizzare ora</translation>
+        <translation>Sincronizza ora</translation>
     </message>
     <message>
         <source>Quillon is running. Exit Quillon from its tray menu and click Retry, or click Cancel to stop setup.</source>
-        <translation>Quillon è in esecuzione. Uscire da Quillon dal menu dell&apos;area di notifica e fare clic su “Riprovare”, oppure fare clic su “Annullare” per interrompere l&apos;installazione.</translation>
+        <translation>Quillon è in esecuzione. Uscire da Quillon dal menu dell&apos;area di notifica e fare clic su “Riprova”, oppure fare clic su “Annulla” per interrompere l&apos;installazione.</translation>
     </message>
     <message>
         <source>The local copy was renamed to %1 so that both versions are kept.</source>
@@ -1159,7 +1159,7 @@
     </message>
     <message>
         <source>Click Remove to uninstall the program from your computer. The files in your sync folders are not deleted and stay on your server. Click Cancel to exit the wizard.</source>
-        <translation>Fare clic su “Rimuovere” per disinstallare il programma dal computer. I file nelle cartelle di sincronizzazione non vengono eliminati e restano sul server. Fare clic su “Annullare” per uscire dalla procedura guidata.</translation>
+        <translation>Fare clic su “Rimuovi” per disinstallare il programma dal computer. I file nelle cartelle di sincronizzazione non vengono eliminati e restano sul server. Fare clic su “Annulla” per uscire dalla procedura guidata.</translation>
     </message>
     <message>
         <source>Welcome to Quillon</source>
@@ -1175,7 +1175,7 @@
     </message>
     <message>
         <source>Pause for 1 hour</source>
-        <translation>Sospendere per 1 ora</translation>
+        <translation>Sospendi per 1 ora</translation>
     </message>
     <message>
         <source>The installation needs more disk space than is available.</source>
@@ -1183,7 +1183,7 @@
     </message>
     <message>
         <source>Click Next to install to the folder shown, or click Change to choose another folder.</source>
-        <translation>Fare clic su “Avanti” per installare nella cartella indicata oppure su “Modificare” per sceglierne un&apos;altra.</translation>
+        <translation>Fare clic su “Avanti” per installare nella cartella indicata oppure su “Modifica” per sceglierne un&apos;altra.</translation>
     </message>
     <message>
         <source>Certificate Warning</source>
@@ -1199,11 +1199,11 @@
     </message>
     <message>
         <source>Start automatically when I sign in</source>
-        <translation>Avviare automaticamente all&apos;accesso</translation>
+        <translation>Avvia automaticamente all&apos;accesso</translation>
     </message>
     <message>
         <source>Export Logs...</source>
-        <translation>Esportare log...</translation>
+        <translation>Esporta log...</translation>
     </message>
     <message>
         <source>Syncing is paused until %1. Changes made in the meantime are synced afterwards.</source>
@@ -1227,7 +1227,7 @@
     </message>
     <message>
         <source>Retry</source>
-        <translation>Riprovare</translation>
+        <translation>Riprova</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Ready to Repair</source>
@@ -1243,11 +1243,11 @@
     </message>
     <message>
         <source>Use system proxy settings</source>
-        <translation>Usare le impostazioni proxy di sistema</translation>
+        <translation>Usa le impostazioni proxy di sistema</translation>
     </message>
     <message>
         <source>Keep up to %1 versions of each file</source>
-        <translation>Conservare fino a %1 versioni di ogni file</translation>
+        <translation>Conserva fino a %1 versioni di ogni file</translation>
     </message>
     <message>
         <source>The selected version could not be restored. Check that you have permission to change the file and try again.</source>
@@ -1271,11 +1271,11 @@
     </message>
     <message>
         <source>Sync new folders on the server automatically</source>
-        <translation>Sincronizzare automaticamente le nuove cartelle sul server</translation>
+        <translation>Sincronizza automaticamente le nuove cartelle sul server</translation>
     </message>
     <message>
         <source>Remind Me Later</source>
-        <translation>Ricordare più tardi</translation>
+        <translation>Ricordamelo più tardi</translation>
     </message>
     <message>
         <source>Deleted on %1</source>
@@ -1347,19 +1347,19 @@
     </message>
     <message>
         <source>Sync files</source>
-        <translation>Sincronizzare file</translation>
+        <translation>Sincronizza file</translation>
     </message>
     <message>
         <source>Collapse folder</source>
-        <translation>Comprimere cartella</translation>
+        <translation>Comprimi cartella</translation>
     </message>
     <message>
         <source>Search recent files</source>
-        <translation>Cercare nei file recenti</translation>
+        <translation>Cerca nei file recenti</translation>
     </message>
     <message>
         <source>Request Access</source>
-        <translation>Richiedere accesso</translation>
+        <translation>Richiedi accesso</translation>
     </message>
     <message>
         <source>Done</source>
@@ -1367,7 +1367,7 @@
     </message>
     <message>
         <source>Limit download speed</source>
-        <translation>Limitare la velocità di download</translation>
+        <translation>Limita la velocità di download</translation>
     </message>
     <message>
         <source>The proxy server requires authentication. Enter the username and password of the proxy in the network settings.</source>
@@ -1395,11 +1395,11 @@
     </message>
     <message>
         <source>Start Now</source>
-        <translation>Avviare ora</translation>
+        <translation>Avvia ora</translation>
     </message>
     <message>
         <source>Restore as a Copy</source>
-        <translation>Ripristinare come copia</translation>
+        <translation>Ripristina come copia</translation>
     </message>
     <message>
         <source>%1 TB</source>
@@ -1415,7 +1415,7 @@
     </message>
     <message>
         <source>Change Password</source>
-        <translation>Cambiare password</translation>
+        <translation>Cambia password</translation>
     </message>
     <message>
         <source>Unable to connect to the proxy server. Check the proxy address and port in the network settings.</source>
@@ -1423,15 +1423,15 @@
     </message>
     <message>
         <source>Start Quillon when I sign in</source>
-        <translation>Avviare Quillon all&apos;accesso</translation>
+        <translation>Avvia Quillon all&apos;accesso</translation>
     </message>
     <message>
         <source>Skip This Version</source>
-        <translation>Saltare questa versione</translation>
+        <translation>Salta questa versione</translation>
     </message>
     <message>
         <source>Keep Both</source>
-        <translation>Mantenere entrambe</translation>
+        <translation>Mantieni entrambe</translation>
     </message>
     <message>
         <source>The connection to %1 has been restored.</source>
@@ -1439,7 +1439,7 @@
     </message>
     <message>
         <source>Sync hidden files</source>
-        <translation>Sincronizzare i file nascosti</translation>
+        <translation>Sincronizza i file nascosti</translation>
     </message>
     <message>
         <source>Only administrators can change this setting. It is managed for your organization.</source>
@@ -1471,7 +1471,7 @@
     </message>
     <message>
         <source>Free Up Space</source>
-        <translation>Liberare spazio</translation>
+        <translation>Libera spazio</translation>
     </message>
     <message>
         <source>Sync progress</source>
@@ -1495,7 +1495,7 @@
     </message>
     <message>
         <source>Check for Updates</source>
-        <translation>Cercare aggiornamenti</translation>
+        <translation>Cerca aggiornamenti</translation>
     </message>
     <message>
         <source>Recent Changes</source>
@@ -1507,7 +1507,7 @@
     </message>
     <message>
         <source>Skip temporary and system files</source>
-        <translation>Ignorare i file temporanei e di sistema</translation>
+        <translation>Ignora i file temporanei e di sistema</translation>
     </message>
     <message>
         <source>List of connections</source>
@@ -1519,7 +1519,7 @@
     </message>
     <message>
         <source>Show password</source>
-        <translation>Mostrare password</translation>
+        <translation>Mostra password</translation>
     </message>
     <message>
         <source>Folder name</source>
@@ -1535,7 +1535,7 @@
     </message>
     <message>
         <source>Clear selection</source>
-        <translation>Deselezionare tutto</translation>
+        <translation>Deseleziona tutto</translation>
     </message>
     <message>
         <source>Anyone with this link will lose access to the shared item. Do you want to stop sharing?</source>
@@ -1543,7 +1543,7 @@
     </message>
     <message>
         <source>The Setup Wizard lets you repair the installation on your computer or remove it. Click Next to continue or Cancel to exit the wizard.</source>
-        <translation>L&apos;Installazione guidata consente di riparare o rimuovere l&apos;installazione presente sul computer. Fare clic su “Avanti” per continuare o su “Annullare” per uscire dalla procedura guidata.</translation>
+        <translation>L&apos;Installazione guidata consente di riparare o rimuovere l&apos;installazione presente sul computer. Fare clic su “Avanti” per continuare o su “Annulla” per uscire dalla procedura guidata.</translation>
     </message>
     <message>
         <source>The certificate was issued for %1, not for %2. You may be connecting through an address that the certificate does not cover.</source>
@@ -1559,11 +1559,11 @@
     </message>
     <message>
         <source>Export Logs</source>
-        <translation>Esportare log</translation>
+        <translation>Esporta log</translation>
     </message>
     <message>
         <source>Copy link</source>
-        <translation>Copiare link</translation>
+        <translation>Copia link</translation>
     </message>
     <message>
         <source>The name %1 contains characters that are not allowed on the server. Rename the item to sync it.</source>
@@ -1571,7 +1571,7 @@
     </message>
     <message>
         <source>Share</source>
-        <translation>Condividere</translation>
+        <translation>Condividi</translation>
     </message>
     <message>
         <source>Normal</source>
@@ -1579,7 +1579,7 @@
     </message>
     <message>
         <source>Keep both versions</source>
-        <translation>Mantenere entrambe le versioni</translation>
+        <translation>Mantieni entrambe le versioni</translation>
     </message>
     <message>
         <source>All Set</source>
@@ -1599,7 +1599,7 @@
     </message>
     <message>
         <source>Open Sync Folder</source>
-        <translation>Aprire cartella di sincronizzazione</translation>
+        <translation>Apri cartella di sincronizzazione</translation>
     </message>
     <message>
         <source>%1 of %2 selected</source>
@@ -1615,7 +1615,7 @@
     </message>
     <message>
         <source>Upgrade</source>
-        <translation>Aggiornare</translation>
+        <translation>Aggiorna</translation>
     </message>
     <message>
         <source>Start Quillon automatically when you sign in, so your files are synced without you having to remember it.</source>
@@ -1651,7 +1651,7 @@
     </message>
     <message>
         <source>Resume All</source>
-        <translation>Riprendere tutto</translation>
+        <translation>Riprendi tutto</translation>
     </message>
     <message>
         <source>You do not have permission to delete files in this folder. The deleted files will be downloaded again.</source>
@@ -1659,7 +1659,7 @@
     </message>
     <message>
         <source>Visit Website</source>
-        <translation>Visitare il sito web</translation>
+        <translation>Visita il sito web</translation>
     </message>
     <message>
         <source>Choose what the Setup Wizard should do with the installed program.</source>
@@ -1667,7 +1667,7 @@
     </message>
     <message>
         <source>Download files only when they are opened</source>
-        <translation>Scaricare i file solo quando vengono aperti</translation>
+        <translation>Scarica i file solo quando vengono aperti</translation>
     </message>
     <message>
         <source>Restart Quillon to apply the new settings. Syncing continues where it stopped.</source>
@@ -1675,7 +1675,7 @@
     </message>
     <message>
         <source>Skip files larger than %1 MB</source>
-        <translation>Ignorare i file più grandi di %1 MB</translation>
+        <translation>Ignora i file più grandi di %1 MB</translation>
     </message>
     <message>
         <source>Version %1 (build %2)</source>
@@ -1687,7 +1687,7 @@
     </message>
     <message>
         <source>Pause syncing during these hours</source>
-        <translation>Sospendere la sincronizzazione in queste fasce orarie</translation>
+        <translation>Sospendi la sincronizzazione in queste fasce orarie</translation>
     </message>
     <message>
         <source>This account has been disabled on the server. Please contact your administrator to have it enabled again.</source>
@@ -1695,7 +1695,7 @@
     </message>
     <message>
         <source>Sync symbolic links</source>
-        <translation>Sincronizzare i collegamenti simbolici</translation>
+        <translation>Sincronizza i collegamenti simbolici</translation>
     </message>
     <message>
         <source>Link</source>
@@ -1707,7 +1707,7 @@
     </message>
     <message>
         <source>Also remove my settings, sync session information and logs</source>
-        <translation>Rimuovere anche le impostazioni, le informazioni sulle sessioni di sincronizzazione e i log</translation>
+        <translation>Rimuovi anche le impostazioni, le informazioni sulle sessioni di sincronizzazione e i log</translation>
     </message>
     <message>
         <source>Source folders</source>
@@ -1731,7 +1731,7 @@
     </message>
     <message>
         <source>Remove Session</source>
-        <translation>Rimuovere sessione</translation>
+        <translation>Rimuovi sessione</translation>
     </message>
     <message>
         <source>Saving...</source>
@@ -1755,11 +1755,11 @@
     </message>
     <message>
         <source>Unlink</source>
-        <translation>Scollegare</translation>
+        <translation>Scollega</translation>
     </message>
     <message>
         <source>Resume syncing</source>
-        <translation>Riprendere la sincronizzazione</translation>
+        <translation>Riprendi la sincronizzazione</translation>
     </message>
     <message>
         <source>If you exit Quillon, changes to your files will no longer be synced until you start it again. Do you want to exit?</source>
@@ -1811,7 +1811,7 @@
     </message>
     <message>
         <source>Go back</source>
-        <translation>Tornare indietro</translation>
+        <translation>Torna indietro</translation>
     </message>
     <message>
         <source>%1 local changes waiting to upload</source>
@@ -1867,7 +1867,7 @@
     </message>
     <message>
         <source>Edit Sync Session</source>
-        <translation>Modificare sessione di sincronizzazione</translation>
+        <translation>Modifica sessione di sincronizzazione</translation>
     </message>
     <message>
         <source>You do not have permission to share this item. Ask its owner to share it or to give you permission.</source>
@@ -1907,11 +1907,11 @@
     </message>
     <message>
         <source>Show QR Code</source>
-        <translation>Mostrare codice QR</translation>
+        <translation>Mostra codice QR</translation>
     </message>
     <message>
         <source>Compare Versions</source>
-        <translation>Confrontare versioni</translation>
+        <translation>Confronta versioni</translation>
     </message>
     <message>
         <source>Can upload</source>
@@ -1931,7 +1931,7 @@
     </message>
     <message>
         <source>Open Log Folder</source>
-        <translation>Aprire cartella dei log</translation>
+        <translation>Apri cartella dei log</translation>
     </message>
     <message>
         <source>The connection is encrypted.</source>
@@ -1939,11 +1939,11 @@
     </message>
     <message>
         <source>Mark all as read</source>
-        <translation>Segnare tutte come lette</translation>
+        <translation>Segna tutte come lette</translation>
     </message>
     <message>
         <source>View Conflicts</source>
-        <translation>Visualizzare conflitti</translation>
+        <translation>Visualizza conflitti</translation>
     </message>
     <message>
         <source>Confirm</source>
@@ -1971,7 +1971,7 @@
     </message>
     <message>
         <source>Include folder %1 in sync</source>
-        <translation>Includere la cartella %1 nella sincronizzazione</translation>
+        <translation>Includi la cartella %1 nella sincronizzazione</translation>
     </message>
     <message>
         <source>Some files that setup has to replace are being used.</source>
@@ -1979,7 +1979,7 @@
     </message>
     <message>
         <source>Update Now</source>
-        <translation>Aggiornare ora</translation>
+        <translation>Aggiorna ora</translation>
     </message>
     <message>
         <source>Sync Sessions</source>
@@ -1995,7 +1995,7 @@
     </message>
     <message>
         <source>Download Update</source>
-        <translation>Scaricare aggiornamento</translation>
+        <translation>Scarica aggiornamento</translation>
     </message>
     <message>
         <source>List of sync sessions</source>
@@ -2011,7 +2011,7 @@
     </message>
     <message>
         <source>The applications listed below are using files that this setup has to replace. Close them and click Retry to continue, or click Ignore to replace the files after a restart.</source>
-        <translation>Le applicazioni elencate di seguito usano file che l&apos;installazione deve sostituire. Chiuderle e fare clic su “Riprovare” per continuare, oppure fare clic su “Ignorare” per sostituire i file dopo un riavvio.</translation>
+        <translation>Le applicazioni elencate di seguito usano file che l&apos;installazione deve sostituire. Chiuderle e fare clic su “Riprova” per continuare, oppure fare clic su “Ignora” per sostituire i file dopo un riavvio.</translation>
     </message>
     <message>
         <source>The server is in maintenance mode. Syncing resumes automatically when the maintenance is over.</source>
@@ -2031,7 +2031,7 @@
     </message>
     <message>
         <source>Back up files</source>
-        <translation>Eseguire il backup dei file</translation>
+        <translation>Esegui il backup dei file</translation>
     </message>
     <message>
         <source>%1 was changed on this computer and on the server. Choose which version to keep or keep both of them.</source>
@@ -2075,7 +2075,7 @@
     </message>
     <message>
         <source>Resume</source>
-        <translation>Riprendere</translation>
+        <translation>Riprendi</translation>
     </message>
     <message>
         <source>Replaces missing or damaged program files and shortcuts with the files of this installation package.</source>
@@ -2095,7 +2095,7 @@
     </message>
     <message>
         <source>Use the default folder</source>
-        <translation>Usare la cartella predefinita</translation>
+        <translation>Usa la cartella predefinita</translation>
     </message>
     <message>
         <source>Some files could not be synced</source>
@@ -2103,15 +2103,15 @@
     </message>
     <message>
         <source>Search files</source>
-        <translation>Cercare file</translation>
+        <translation>Cerca file</translation>
     </message>
     <message>
         <source>Delete Version</source>
-        <translation>Eliminare versione</translation>
+        <translation>Elimina versione</translation>
     </message>
     <message>
         <source>Create Connection</source>
-        <translation>Creare connessione</translation>
+        <translation>Crea connessione</translation>
     </message>
     <message>
         <source>Latest version</source>
@@ -2123,7 +2123,7 @@
     </message>
     <message>
         <source>Restore</source>
-        <translation>Ripristinare</translation>
+        <translation>Ripristina</translation>
     </message>
     <message>
         <source>%1 files were added to %2.</source>
@@ -2155,7 +2155,7 @@
     </message>
     <message>
         <source>Keep the local version</source>
-        <translation>Mantenere la versione locale</translation>
+        <translation>Mantieni la versione locale</translation>
     </message>
     <message>
         <source>%1 could not be deleted because it is in use or you do not have permission to delete it.</source>
@@ -2167,11 +2167,11 @@
     </message>
     <message>
         <source>Ignore</source>
-        <translation>Ignorare</translation>
+        <translation>Ignora</translation>
     </message>
     <message>
         <source>Close the applications automatically and start them again afterwards</source>
-        <translation>Chiudere automaticamente le applicazioni e riavviarle al termine</translation>
+        <translation>Chiudi automaticamente le applicazioni e riavviale al termine</translation>
     </message>
     <message>
         <source>Checking for updates...</source>
@@ -2187,7 +2187,7 @@
     </message>
     <message>
         <source>Sign In Again</source>
-        <translation>Accedere di nuovo</translation>
+        <translation>Accedi di nuovo</translation>
     </message>
     <message>
         <source>Network tab</source>
@@ -2215,7 +2215,7 @@
     </message>
     <message>
         <source>Protect the link with a password</source>
-        <translation>Proteggere il link con una password</translation>
+        <translation>Proteggi il link con una password</translation>
     </message>
     <message>
         <source>The connection timed out because the server took too long to respond. Quillon will try again shortly.</source>
@@ -2223,11 +2223,11 @@
     </message>
     <message>
         <source>Pause All</source>
-        <translation>Sospendere tutto</translation>
+        <translation>Sospendi tutto</translation>
     </message>
     <message>
         <source>Update</source>
-        <translation>Aggiornare</translation>
+        <translation>Aggiorna</translation>
     </message>
     <message>
         <source>Debug</source>
@@ -2247,7 +2247,7 @@
     </message>
     <message>
         <source>Apply to all conflicts</source>
-        <translation>Applicare a tutti i conflitti</translation>
+        <translation>Applica a tutti i conflitti</translation>
     </message>
     <message>
         <source>Connected</source>
@@ -2271,11 +2271,11 @@
     </message>
     <message>
         <source>Click Install to start the installation. Click Back to review or change your choices, or Cancel to exit the wizard.</source>
-        <translation>Fare clic su “Installare” per avviare l&apos;installazione. Fare clic su “Indietro” per rivedere o modificare le scelte oppure su “Annullare” per uscire dalla procedura guidata.</translation>
+        <translation>Fare clic su “Installa” per avviare l&apos;installazione. Fare clic su “Indietro” per rivedere o modificare le scelte oppure su “Annulla” per uscire dalla procedura guidata.</translation>
     </message>
     <message>
         <source>Rename</source>
-        <translation>Rinominare</translation>
+        <translation>Rinomina</translation>
     </message>
     <message>
         <source>The local database is damaged. Quillon will rebuild it and compare all files with the server again. This can take a while.</source>
@@ -2283,7 +2283,7 @@
     </message>
     <message>
         <source>Keep Server Version</source>
-        <translation>Mantenere versione del server</translation>
+        <translation>Mantieni versione del server</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Bigger}Setup Was Canceled</source>
@@ -2303,11 +2303,11 @@
     </message>
     <message>
         <source>Install and Restart</source>
-        <translation>Installare e riavviare</translation>
+        <translation>Installa e riavvia</translation>
     </message>
     <message>
         <source>Allow visitors to download the shared files</source>
-        <translation>Consentire ai visitatori di scaricare i file condivisi</translation>
+        <translation>Consenti ai visitatori di scaricare i file condivisi</translation>
     </message>
     <message>
         <source>Disk Size</source>
@@ -2335,7 +2335,7 @@
     </message>
     <message>
         <source>Change...</source>
-        <translation>Modificare...</translation>
+        <translation>Modifica...</translation>
     </message>
     <message>
         <source>Scanning local files for changes...</source>
@@ -2367,7 +2367,7 @@
     </message>
     <message>
         <source>Leave the applications open and restart the computer later</source>
-        <translation>Lasciare aperte le applicazioni e riavviare il computer in seguito</translation>
+        <translation>Lascia aperte le applicazioni e riavvia il computer in seguito</translation>
     </message>
     <message>
         <source>Session Details</source>
@@ -2379,7 +2379,7 @@
     </message>
     <message>
         <source>Keep Local Version</source>
-        <translation>Mantenere versione locale</translation>
+        <translation>Mantieni versione locale</translation>
     </message>
     <message>
         <source>Sync Settings</source>
@@ -2395,11 +2395,11 @@
     </message>
     <message>
         <source>Remove Rule</source>
-        <translation>Rimuovere regola</translation>
+        <translation>Rimuovi regola</translation>
     </message>
     <message>
         <source>Get Support</source>
-        <translation>Ottenere assistenza</translation>
+        <translation>Ottieni assistenza</translation>
     </message>
     <message>
         <source>Server</source>
@@ -2411,7 +2411,7 @@
     </message>
     <message>
         <source>Stop Sharing</source>
-        <translation>Interrompere condivisione</translation>
+        <translation>Interrompi condivisione</translation>
     </message>
     <message>
         <source>November</source>
@@ -2467,7 +2467,7 @@
     </message>
     <message>
         <source>Add Connection...</source>
-        <translation>Aggiungere connessione...</translation>
+        <translation>Aggiungi connessione...</translation>
     </message>
     <message>
         <source>Downloading update... %1%</source>
@@ -2479,7 +2479,7 @@
     </message>
     <message>
         <source>The Setup Wizard will update the installed copy of [ProductName] on your computer. Your sync sessions and settings are kept. Click Next to continue or Cancel to exit the wizard.</source>
-        <translation>L&apos;Installazione guidata aggiornerà la copia di [ProductName] installata sul computer. Le sessioni di sincronizzazione e le impostazioni vengono conservate. Fare clic su “Avanti” per continuare o su “Annullare” per uscire dalla procedura guidata.</translation>
+        <translation>L&apos;Installazione guidata aggiornerà la copia di [ProductName] installata sul computer. Le sessioni di sincronizzazione e le impostazioni vengono conservate. Fare clic su “Avanti” per continuare o su “Annulla” per uscire dalla procedura guidata.</translation>
     </message>
     <message>
         <source>The logs have been saved to your desktop as a compressed archive.</source>
@@ -2487,7 +2487,7 @@
     </message>
     <message>
         <source>Pause syncing</source>
-        <translation>Sospendere la sincronizzazione</translation>
+        <translation>Sospendi la sincronizzazione</translation>
     </message>
     <message>
         <source>Do not use the proxy for local addresses</source>
@@ -2495,11 +2495,11 @@
     </message>
     <message>
         <source>Remove</source>
-        <translation>Rimuovere</translation>
+        <translation>Rimuovi</translation>
     </message>
     <message>
         <source>Create a desktop shortcut</source>
-        <translation>Creare un collegamento sul desktop</translation>
+        <translation>Crea un collegamento sul desktop</translation>
     </message>
     <message>
         <source>You are offline. Changes are kept on this computer and synced when the connection is back.</source>
@@ -2515,11 +2515,11 @@
     </message>
     <message>
         <source>%1 files were deleted from %2. Do you want to delete them on the other side too? Choose Restore if you did not delete them on purpose, and the files will be downloaded again.</source>
-        <translation>%1 file sono stati eliminati da %2. Eliminarli anche sull&apos;altro lato? Se non sono stati eliminati intenzionalmente, scegliere “Ripristinare”: i file verranno scaricati di nuovo.</translation>
+        <translation>%1 file sono stati eliminati da %2. Eliminarli anche sull&apos;altro lato? Se non sono stati eliminati intenzionalmente, scegliere “Ripristina”: i file verranno scaricati di nuovo.</translation>
     </message>
     <message>
         <source>Enter the address manually</source>
-        <translation>Inserire l&apos;indirizzo manualmente</translation>
+        <translation>Inserisci l&apos;indirizzo manualmente</translation>
     </message>
     <message>
         <source>Download only</source>
@@ -2535,7 +2535,7 @@
     </message>
     <message>
         <source>Exclude from Sync</source>
-        <translation>Escludere dalla sincronizzazione</translation>
+        <translation>Escludi dalla sincronizzazione</translation>
     </message>
     <message>
         <source>No servers were found on your local network.</source>
@@ -2551,7 +2551,7 @@
     </message>
     <message>
         <source>Print</source>
-        <translation>Stampare</translation>
+        <translation>Stampa</translation>
     </message>
     <message>
         <source>Less than %1 of free space is left on this computer. Syncing will pause when the disk is full.</source>
