@@ -7,2607 +7,2607 @@
     <name>global</name>
     <message>
         <source>Open Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>Otevřít složku</translation>
     </message>
     <message>
         <source>This wizard installs [ProductName] on your computer. Click Next to continue or Cancel to exit the wizard.</source>
-        <translation type="unfinished"></translation>
+        <translation>Tento průvodce nainstaluje aplikaci [ProductName] do vašeho počítače. Pokračujte kliknutím na tlačítko Další, nebo průvodce ukončete kliknutím na tlačítko Storno.</translation>
     </message>
     <message>
         <source>Folder on the server</source>
-        <translation type="unfinished"></translation>
+        <translation>Složka na serveru</translation>
     </message>
     <message>
         <source>Automatic setup could not be completed because the settings provided by your administrator are incomplete or the server cannot be reached. Please set up the connection manually.</source>
-        <translation type="unfinished"></translation>
+        <translation>Automatické nastavení nelze dokončit, protože nastavení od vašeho správce je neúplné nebo je server nedostupný. Nastavte připojení ručně.</translation>
     </message>
     <message>
         <source>Files in %1 will be kept in sync with %2 on %3.</source>
-        <translation type="unfinished"></translation>
+        <translation>Soubory ve složce %1 budou synchronizovány se složkou %2 na serveru %3.</translation>
     </message>
     <message>
         <source>Expires on %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Platnost vyprší %1</translation>
     </message>
     <message>
         <source>System default</source>
-        <translation type="unfinished"></translation>
+        <translation>Výchozí nastavení systému</translation>
     </message>
     <message>
         <source>Next</source>
-        <translation type="unfinished"></translation>
+        <translation>Další</translation>
     </message>
     <message>
         <source>Do you want to uninstall Quillon? Your synced files and the data on your server are not deleted.</source>
-        <translation type="unfinished"></translation>
+        <translation>Chcete odinstalovat aplikaci Quillon? Synchronizované soubory ani data na serveru nebudou odstraněny.</translation>
     </message>
     <message>
         <source>Plan name</source>
-        <translation type="unfinished"></translation>
+        <translation>Název plánu</translation>
     </message>
     <message>
         <source>Quillon lives in the system tray. Click the icon to see what is being synced and to open your sync folder.</source>
-        <translation type="unfinished"></translation>
+        <translation>Aplikace Quillon se nachází v oznamovací oblasti. Kliknutím na její ikonu zobrazíte, co se právě synchronizuje, a můžete otevřít synchronizovanou složku.</translation>
     </message>
     <message>
         <source>Clear all</source>
-        <translation type="unfinished"></translation>
+        <translation>Vymazat vše</translation>
     </message>
     <message>
         <source>Schedule</source>
-        <translation type="unfinished"></translation>
+        <translation>Časový plán</translation>
     </message>
     <message>
         <source>%1 was updated.</source>
-        <translation type="unfinished"></translation>
+        <translation>Soubor %1 byl aktualizován.</translation>
     </message>
     <message>
         <source>Exit</source>
-        <translation type="unfinished"></translation>
+        <translation>Ukončit</translation>
     </message>
     <message>
         <source>The backup destination does not have enough free space. Free some space on the server or reduce the number of kept versions.</source>
-        <translation type="unfinished"></translation>
+        <translation>V cíli zálohování není dostatek volného místa. Uvolněte místo na serveru nebo snižte počet uchovávaných verzí.</translation>
     </message>
     <message>
         <source>Changes on the server are copied to this computer. Local changes are not uploaded.</source>
-        <translation type="unfinished"></translation>
+        <translation>Změny na serveru se kopírují do tohoto počítače. Místní změny se nenahrávají.</translation>
     </message>
     <message>
         <source>Close</source>
-        <translation type="unfinished"></translation>
+        <translation>Zavřít</translation>
     </message>
     <message>
         <source>Display language</source>
-        <translation type="unfinished"></translation>
+        <translation>Jazyk zobrazení</translation>
     </message>
     <message>
         <source>Status:</source>
-        <translation type="unfinished"></translation>
+        <translation>Stav:</translation>
     </message>
     <message>
         <source>Copy folders from this computer to the server on a schedule and keep earlier versions of every file.</source>
-        <translation type="unfinished"></translation>
+        <translation>Kopírovat složky z tohoto počítače na server podle časového plánu a uchovávat předchozí verze všech souborů.</translation>
     </message>
     <message>
         <source>Last synced: %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Poslední synchronizace: %1</translation>
     </message>
     <message>
         <source>Change Password...</source>
-        <translation type="unfinished"></translation>
+        <translation>Změnit heslo...</translation>
     </message>
     <message>
         <source>The selected folder already contains files. They will be merged with the files on the server.</source>
-        <translation type="unfinished"></translation>
+        <translation>Vybraná složka již obsahuje soubory. Budou sloučeny se soubory na serveru.</translation>
     </message>
     <message>
         <source>Up to date</source>
-        <translation type="unfinished"></translation>
+        <translation>Aktuální</translation>
     </message>
     <message>
         <source>Please enter your username.</source>
-        <translation type="unfinished"></translation>
+        <translation>Zadejte své uživatelské jméno.</translation>
     </message>
     <message>
         <source>Connected through the relay service</source>
-        <translation type="unfinished"></translation>
+        <translation>Připojeno přes přenosovou službu</translation>
     </message>
     <message>
         <source>Pause</source>
-        <translation type="unfinished"></translation>
+        <translation>Pozastavit</translation>
     </message>
     <message>
         <source>Sunday</source>
-        <translation type="unfinished"></translation>
+        <translation>Neděle</translation>
     </message>
     <message>
         <source>Conflict</source>
-        <translation type="unfinished"></translation>
+        <translation>Konflikt</translation>
     </message>
     <message>
         <source>Quillon – syncing %1 files</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon – synchronizace souborů: %1</translation>
     </message>
     <message>
         <source>The certificate of this server is not trusted. It may be self-signed or issued by an unknown authority.</source>
-        <translation type="unfinished"></translation>
+        <translation>Certifikát tohoto serveru není důvěryhodný. Může jít o certifikát podepsaný svým držitelem nebo vydaný neznámou certifikační autoritou.</translation>
     </message>
     <message>
         <source>The path of this file is too long for the server. Move the file to a folder with a shorter path or give it a shorter name.</source>
-        <translation type="unfinished"></translation>
+        <translation>Cesta k tomuto souboru je pro server příliš dlouhá. Přesuňte soubor do složky s kratší cestou nebo mu dejte kratší název.</translation>
     </message>
     <message>
         <source>Delete</source>
-        <translation type="unfinished"></translation>
+        <translation>Odstranit</translation>
     </message>
     <message>
         <source>Quillon has been set up by your administrator and is now syncing your files.</source>
-        <translation type="unfinished"></translation>
+        <translation>Aplikaci Quillon nastavil váš správce a nyní synchronizuje vaše soubory.</translation>
     </message>
     <message>
         <source>Uploading %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Nahrávání souboru %1</translation>
     </message>
     <message>
         <source>Hide password</source>
-        <translation type="unfinished"></translation>
+        <translation>Skrýt heslo</translation>
     </message>
     <message>
         <source>Can view</source>
-        <translation type="unfinished"></translation>
+        <translation>Může zobrazit</translation>
     </message>
     <message>
         <source>Setting up Quillon with the settings provided by your administrator. This takes only a moment.</source>
-        <translation type="unfinished"></translation>
+        <translation>Probíhá nastavení aplikace Quillon podle nastavení od vašeho správce. Bude to trvat jen chvíli.</translation>
     </message>
     <message>
         <source>No proxy</source>
-        <translation type="unfinished"></translation>
+        <translation>Bez proxy serveru</translation>
     </message>
     <message>
         <source>Manual proxy configuration</source>
-        <translation type="unfinished"></translation>
+        <translation>Ruční konfigurace proxy serveru</translation>
     </message>
     <message>
         <source>Changes on this computer are copied to the server. Changes on the server are not downloaded.</source>
-        <translation type="unfinished"></translation>
+        <translation>Změny v tomto počítači se kopírují na server. Změny na serveru se nestahují.</translation>
     </message>
     <message>
         <source>Please read the following license agreement carefully. You must accept the agreement to install the program.</source>
-        <translation type="unfinished"></translation>
+        <translation>Pečlivě si přečtěte následující licenční smlouvu. K instalaci programu je nutné smlouvu přijmout.</translation>
     </message>
     <message>
         <source>Expand folder</source>
-        <translation type="unfinished"></translation>
+        <translation>Rozbalit složku</translation>
     </message>
     <message>
         <source>Versions are kept for %1 days. Older versions are removed automatically by the server.</source>
-        <translation type="unfinished"></translation>
+        <translation>Doba uchovávání verzí ve dnech: %1. Starší verze server odstraňuje automaticky.</translation>
     </message>
     <message>
         <source>Deleted</source>
-        <translation type="unfinished"></translation>
+        <translation>Odstraněno</translation>
     </message>
     <message>
         <source>Notifications</source>
-        <translation type="unfinished"></translation>
+        <translation>Oznámení</translation>
     </message>
     <message>
         <source>Download</source>
-        <translation type="unfinished"></translation>
+        <translation>Stáhnout</translation>
     </message>
     <message>
         <source>Sign In with Single Sign-On</source>
-        <translation type="unfinished"></translation>
+        <translation>Přihlásit se pomocí jednotného přihlašování (SSO)</translation>
     </message>
     <message>
         <source>Open in Browser</source>
-        <translation type="unfinished"></translation>
+        <translation>Otevřít v prohlížeči</translation>
     </message>
     <message>
         <source>%1 GB</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 GB</translation>
     </message>
     <message>
         <source>Sync file permissions and attributes</source>
-        <translation type="unfinished"></translation>
+        <translation>Synchronizovat oprávnění a atributy souborů</translation>
     </message>
     <message>
         <source>Quillon cannot write to the sync folder. Check the permissions of the folder and that the disk is not read-only.</source>
-        <translation type="unfinished"></translation>
+        <translation>Aplikace Quillon nemůže zapisovat do synchronizované složky. Zkontrolujte oprávnění složky a ověřte, že disk není jen pro čtení.</translation>
     </message>
     <message>
         <source>Version %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Verze %1</translation>
     </message>
     <message>
         <source>July</source>
-        <translation type="unfinished"></translation>
+        <translation>Červenec</translation>
     </message>
     <message>
         <source>Show in Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>Zobrazit ve složce</translation>
     </message>
     <message>
         <source>No connection has been set up yet. Click Add Connection to connect Quillon to your server.</source>
-        <translation type="unfinished"></translation>
+        <translation>Zatím nebylo nastaveno žádné připojení. Kliknutím na tlačítko Přidat připojení připojíte aplikaci Quillon k serveru.</translation>
     </message>
     <message>
         <source>Paused</source>
-        <translation type="unfinished"></translation>
+        <translation>Pozastaveno</translation>
     </message>
     <message>
         <source>Pause until I resume</source>
-        <translation type="unfinished"></translation>
+        <translation>Pozastavit do odvolání</translation>
     </message>
     <message>
         <source>Unable to connect to the server. Please check the server address and your network connection, and make sure that a firewall does not block Quillon.</source>
-        <translation type="unfinished"></translation>
+        <translation>Nelze se připojit k serveru. Zkontrolujte adresu serveru a připojení k síti a ujistěte se, že aplikaci Quillon neblokuje brána firewall.</translation>
     </message>
     <message>
         <source>Internal link for users of this server. Only users who already have access can open it.</source>
-        <translation type="unfinished"></translation>
+        <translation>Interní odkaz pro uživatele tohoto serveru. Otevřít jej mohou pouze uživatelé, kteří již mají přístup.</translation>
     </message>
     <message>
         <source>Choose a folder on this computer</source>
-        <translation type="unfinished"></translation>
+        <translation>Vyberte složku v tomto počítači</translation>
     </message>
     <message>
         <source>Sign Out</source>
-        <translation type="unfinished"></translation>
+        <translation>Odhlásit se</translation>
     </message>
     <message>
         <source>Files appear on this computer but take up no space until you open them. Files you open are downloaded and kept up to date.</source>
-        <translation type="unfinished"></translation>
+        <translation>Soubory se v tomto počítači zobrazují, ale nezabírají místo, dokud je neotevřete. Otevřené soubory se stáhnou a průběžně aktualizují.</translation>
     </message>
     <message>
         <source>Quillon main window</source>
-        <translation type="unfinished"></translation>
+        <translation>Hlavní okno aplikace Quillon</translation>
     </message>
     <message>
         <source>The server folder of this sync session no longer exists. It may have been renamed or deleted by another user.</source>
-        <translation type="unfinished"></translation>
+        <translation>Složka na serveru pro tuto synchronizační relaci již neexistuje. Mohl ji přejmenovat nebo odstranit jiný uživatel.</translation>
     </message>
     <message>
         <source>Show More</source>
-        <translation type="unfinished"></translation>
+        <translation>Zobrazit více</translation>
     </message>
     <message>
         <source>Remember password</source>
-        <translation type="unfinished"></translation>
+        <translation>Zapamatovat heslo</translation>
     </message>
     <message>
         <source>Open With...</source>
-        <translation type="unfinished"></translation>
+        <translation>Otevřít v programu...</translation>
     </message>
     <message>
         <source>Thank you for your feedback. It helps us make Quillon better.</source>
-        <translation type="unfinished"></translation>
+        <translation>Děkujeme za vaši zpětnou vazbu. Pomáhá nám aplikaci Quillon vylepšovat.</translation>
     </message>
     <message>
         <source>Copy</source>
-        <translation type="unfinished"></translation>
+        <translation>Kopírovat</translation>
     </message>
     <message>
         <source>Verification code</source>
-        <translation type="unfinished"></translation>
+        <translation>Ověřovací kód</translation>
     </message>
     <message>
         <source>Yes</source>
-        <translation type="unfinished"></translation>
+        <translation>Ano</translation>
     </message>
     <message>
         <source>The connection is not encrypted. Anyone on the network can read the transferred data.</source>
-        <translation type="unfinished"></translation>
+        <translation>Připojení není šifrované. Přenášená data může číst kdokoli v síti.</translation>
     </message>
     <message>
         <source>Scanning</source>
-        <translation type="unfinished"></translation>
+        <translation>Prohledávání</translation>
     </message>
     <message>
         <source>Compare</source>
-        <translation type="unfinished"></translation>
+        <translation>Porovnat</translation>
     </message>
     <message>
         <source>Account</source>
-        <translation type="unfinished"></translation>
+        <translation>Účet</translation>
     </message>
     <message>
         <source>Modified</source>
-        <translation type="unfinished"></translation>
+        <translation>Změněno</translation>
     </message>
     <message>
         <source>Cancel</source>
-        <translation type="unfinished"></translation>
+        <translation>Storno</translation>
     </message>
     <message>
         <source>Proxy Settings</source>
-        <translation type="unfinished"></translation>
+        <translation>Nastavení proxy serveru</translation>
     </message>
     <message>
         <source>The file history could not be loaded. Check your connection to the server and try again.</source>
-        <translation type="unfinished"></translation>
+        <translation>Historii souboru nelze načíst. Zkontrolujte připojení k serveru a zkuste to znovu.</translation>
     </message>
     <message>
         <source>Size</source>
-        <translation type="unfinished"></translation>
+        <translation>Velikost</translation>
     </message>
     <message>
         <source>Copying the new files</source>
-        <translation type="unfinished"></translation>
+        <translation>Kopírování nových souborů</translation>
     </message>
     <message>
         <source>This file has no earlier versions.</source>
-        <translation type="unfinished"></translation>
+        <translation>Tento soubor nemá žádné předchozí verze.</translation>
     </message>
     <message>
         <source>Revision %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Revize %1</translation>
     </message>
     <message>
         <source>Trust this certificate</source>
-        <translation type="unfinished"></translation>
+        <translation>Důvěřovat tomuto certifikátu</translation>
     </message>
     <message>
         <source>Settings</source>
-        <translation type="unfinished"></translation>
+        <translation>Nastavení</translation>
     </message>
     <message>
         <source>Removes the program from your computer. Your synced files stay in place on this computer and on the server.</source>
-        <translation type="unfinished"></translation>
+        <translation>Odebere program z počítače. Synchronizované soubory zůstanou zachovány v tomto počítači i na serveru.</translation>
     </message>
     <message>
         <source>%1 KB</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 kB</translation>
     </message>
     <message>
         <source>Quillon – offline</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon – bez připojení</translation>
     </message>
     <message>
         <source>Are you sure you want to cancel the installation? The program will not be installed.</source>
-        <translation type="unfinished"></translation>
+        <translation>Opravdu chcete instalaci zrušit? Program nebude nainstalován.</translation>
     </message>
     <message>
         <source>Name</source>
-        <translation type="unfinished"></translation>
+        <translation>Název</translation>
     </message>
     <message>
         <source>The file has been restored.</source>
-        <translation type="unfinished"></translation>
+        <translation>Soubor byl obnoven.</translation>
     </message>
     <message>
         <source>Never synced</source>
-        <translation type="unfinished"></translation>
+        <translation>Dosud nesynchronizováno</translation>
     </message>
     <message>
         <source>Select all</source>
-        <translation type="unfinished"></translation>
+        <translation>Vybrat vše</translation>
     </message>
     <message>
         <source>Pause for 8 hours</source>
-        <translation type="unfinished"></translation>
+        <translation>Pozastavit na 8 hodin</translation>
     </message>
     <message>
         <source>Finish</source>
-        <translation type="unfinished"></translation>
+        <translation>Dokončit</translation>
     </message>
     <message>
         <source>Remove Connection</source>
-        <translation type="unfinished"></translation>
+        <translation>Odebrat připojení</translation>
     </message>
     <message>
         <source>Your storage quota on the server is used up. Delete files on the server or ask your administrator for more space to continue syncing.</source>
-        <translation type="unfinished"></translation>
+        <translation>Vaše kvóta úložiště na serveru je vyčerpána. Chcete-li pokračovat v synchronizaci, odstraňte soubory na serveru nebo požádejte správce o více místa.</translation>
     </message>
     <message>
         <source>Edit Session</source>
-        <translation type="unfinished"></translation>
+        <translation>Upravit relaci</translation>
     </message>
     <message>
         <source>You need administrator rights to install this program for all users. Sign in as an administrator or install it for your account only.</source>
-        <translation type="unfinished"></translation>
+        <translation>K instalaci tohoto programu pro všechny uživatele potřebujete oprávnění správce. Přihlaste se jako správce nebo program nainstalujte pouze pro svůj účet.</translation>
     </message>
     <message>
         <source>Select a server</source>
-        <translation type="unfinished"></translation>
+        <translation>Vyberte server</translation>
     </message>
     <message>
         <source>Tell us what went wrong or what you would like to see in Quillon. Attach the logs if you report a problem, so that we can find its cause more quickly.</source>
-        <translation type="unfinished"></translation>
+        <translation>Napište nám, co nefungovalo nebo co byste v aplikaci Quillon rádi viděli. Pokud hlásíte problém, přiložte protokoly, abychom mohli rychleji najít jeho příčinu.</translation>
     </message>
     <message>
         <source>Syncing %1 of %2 files</source>
-        <translation type="unfinished"></translation>
+        <translation>Synchronizace souborů: %1 z %2</translation>
     </message>
     <message>
         <source>Back</source>
-        <translation type="unfinished"></translation>
+        <translation>Zpět</translation>
     </message>
     <message>
         <source>Sync complete</source>
-        <translation type="unfinished"></translation>
+        <translation>Synchronizace dokončena</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Repairing [ProductName]</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}Oprava aplikace [ProductName]</translation>
     </message>
     <message>
         <source>Add Session</source>
-        <translation type="unfinished"></translation>
+        <translation>Přidat relaci</translation>
     </message>
     <message>
         <source>Your password was changed on the server. Please sign in again with the new password to continue syncing.</source>
-        <translation type="unfinished"></translation>
+        <translation>Vaše heslo bylo na serveru změněno. Chcete-li pokračovat v synchronizaci, přihlaste se znovu pomocí nového hesla.</translation>
     </message>
     <message>
         <source>The logs could not be exported. Check that the destination folder is writable.</source>
-        <translation type="unfinished"></translation>
+        <translation>Protokoly nelze exportovat. Zkontrolujte, zda lze do cílové složky zapisovat.</translation>
     </message>
     <message>
         <source>Link password</source>
-        <translation type="unfinished"></translation>
+        <translation>Heslo odkazu</translation>
     </message>
     <message>
         <source>Server path</source>
-        <translation type="unfinished"></translation>
+        <translation>Cesta na serveru</translation>
     </message>
     <message>
         <source>The backup task %1 failed. Open the backup plan to see which files could not be copied.</source>
-        <translation type="unfinished"></translation>
+        <translation>Úloha zálohování %1 se nezdařila. Otevřete plán zálohování a zjistěte, které soubory nebylo možné zkopírovat.</translation>
     </message>
     <message>
         <source>Sign In</source>
-        <translation type="unfinished"></translation>
+        <translation>Přihlásit se</translation>
     </message>
     <message>
         <source>You do not have permission to access this folder. Ask the owner of the folder or your administrator to grant you access.</source>
-        <translation type="unfinished"></translation>
+        <translation>K této složce nemáte oprávnění. Požádejte vlastníka složky nebo svého správce o udělení přístupu.</translation>
     </message>
     <message>
         <source>Dismiss notification</source>
-        <translation type="unfinished"></translation>
+        <translation>Zavřít oznámení</translation>
     </message>
     <message>
         <source>The marked volumes do not have enough free space for the program. Free some space on them or choose a destination folder on another volume.</source>
-        <translation type="unfinished"></translation>
+        <translation>Na označených svazcích není pro program dostatek volného místa. Uvolněte na nich místo nebo vyberte cílovou složku na jiném svazku.</translation>
     </message>
     <message>
         <source>Choose a folder on the server</source>
-        <translation type="unfinished"></translation>
+        <translation>Vyberte složku na serveru</translation>
     </message>
     <message>
         <source>%1 is in use by another program and cannot be synced now. Quillon will try again when the file is closed.</source>
-        <translation type="unfinished"></translation>
+        <translation>Soubor %1 používá jiný program, a proto jej nyní nelze synchronizovat. Aplikace Quillon to zkusí znovu po zavření souboru.</translation>
     </message>
     <message>
         <source>Calculating size...</source>
-        <translation type="unfinished"></translation>
+        <translation>Výpočet velikosti...</translation>
     </message>
     <message>
         <source>Full control</source>
-        <translation type="unfinished"></translation>
+        <translation>Úplné řízení</translation>
     </message>
     <message>
         <source>Verifying your account...</source>
-        <translation type="unfinished"></translation>
+        <translation>Ověřování účtu...</translation>
     </message>
     <message>
         <source>Connecting...</source>
-        <translation type="unfinished"></translation>
+        <translation>Připojování...</translation>
     </message>
     <message>
         <source>Can edit</source>
-        <translation type="unfinished"></translation>
+        <translation>Může upravovat</translation>
     </message>
     <message>
         <source>View File History</source>
-        <translation type="unfinished"></translation>
+        <translation>Zobrazit historii souboru</translation>
     </message>
     <message>
         <source>Do you want to pause syncing for all sessions? Changes are synced again once you resume.</source>
-        <translation type="unfinished"></translation>
+        <translation>Chcete pozastavit synchronizaci všech relací? Změny se znovu začnou synchronizovat, jakmile v synchronizaci budete pokračovat.</translation>
     </message>
     <message>
         <source>Always Keep on This Computer</source>
-        <translation type="unfinished"></translation>
+        <translation>Vždy ponechat v tomto počítači</translation>
     </message>
     <message>
         <source>No matching files found.</source>
-        <translation type="unfinished"></translation>
+        <translation>Nebyly nalezeny žádné odpovídající soubory.</translation>
     </message>
     <message>
         <source>Keep files on the server when they are deleted on this computer</source>
-        <translation type="unfinished"></translation>
+        <translation>Ponechat soubory na serveru, když jsou odstraněny v tomto počítači</translation>
     </message>
     <message>
         <source>Loading folder list...</source>
-        <translation type="unfinished"></translation>
+        <translation>Načítání seznamu složek...</translation>
     </message>
     <message>
         <source>Your sign-in has expired. Please sign in again to continue syncing.</source>
-        <translation type="unfinished"></translation>
+        <translation>Platnost vašeho přihlášení vypršela. Chcete-li pokračovat v synchronizaci, přihlaste se znovu.</translation>
     </message>
     <message>
         <source>Port</source>
-        <translation type="unfinished"></translation>
+        <translation>Port</translation>
     </message>
     <message>
         <source>Repair</source>
-        <translation type="unfinished"></translation>
+        <translation>Opravit</translation>
     </message>
     <message>
         <source>File extension</source>
-        <translation type="unfinished"></translation>
+        <translation>Přípona souboru</translation>
     </message>
     <message>
         <source>Show Quillon</source>
-        <translation type="unfinished"></translation>
+        <translation>Zobrazit aplikaci Quillon</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Ready to Install</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}Připraveno k instalaci</translation>
     </message>
     <message>
         <source>Skipped</source>
-        <translation type="unfinished"></translation>
+        <translation>Přeskočeno</translation>
     </message>
     <message>
         <source>January</source>
-        <translation type="unfinished"></translation>
+        <translation>Leden</translation>
     </message>
     <message>
         <source>Add Connection</source>
-        <translation type="unfinished"></translation>
+        <translation>Přidat připojení</translation>
     </message>
     <message>
         <source>Created</source>
-        <translation type="unfinished"></translation>
+        <translation>Vytvořeno</translation>
     </message>
     <message>
         <source>Last backup: %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Poslední zálohování: %1</translation>
     </message>
     <message>
         <source>An unknown error occurred. If this happens again, export the logs and contact support.</source>
-        <translation type="unfinished"></translation>
+        <translation>Došlo k neznámé chybě. Pokud se to bude opakovat, exportujte protokoly a obraťte se na podporu.</translation>
     </message>
     <message>
         <source>Minimize</source>
-        <translation type="unfinished"></translation>
+        <translation>Minimalizovat</translation>
     </message>
     <message>
         <source>Quillon – paused</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon – pozastaveno</translation>
     </message>
     <message>
         <source>Join the beta program</source>
-        <translation type="unfinished"></translation>
+        <translation>Zapojit se do programu beta verzí</translation>
     </message>
     <message>
         <source>Sync direction</source>
-        <translation type="unfinished"></translation>
+        <translation>Směr synchronizace</translation>
     </message>
     <message>
         <source>The first sync can take a while, depending on the number and size of your files. You can keep working in the meantime.</source>
-        <translation type="unfinished"></translation>
+        <translation>První synchronizace může v závislosti na počtu a velikosti souborů chvíli trvat. Mezitím můžete dál pracovat.</translation>
     </message>
     <message>
         <source>%1/s</source>
-        <translation type="unfinished"></translation>
+        <translation>%1/s</translation>
     </message>
     <message>
         <source>Quillon Updater</source>
-        <translation type="unfinished"></translation>
+        <translation>Aktualizační program Quillon</translation>
     </message>
     <message>
         <source>No access</source>
-        <translation type="unfinished"></translation>
+        <translation>Bez přístupu</translation>
     </message>
     <message>
         <source>Save</source>
-        <translation type="unfinished"></translation>
+        <translation>Uložit</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Removing [ProductName]</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}Odebírání aplikace [ProductName]</translation>
     </message>
     <message>
         <source>Skip tour</source>
-        <translation type="unfinished"></translation>
+        <translation>Přeskočit prohlídku</translation>
     </message>
     <message>
         <source>The folder holds more than %1 items, which is the limit of a sync session. Use Selective Sync to sync fewer folders.</source>
-        <translation type="unfinished"></translation>
+        <translation>Složka obsahuje více položek, než kolik činí limit jedné synchronizační relace (%1). Pomocí selektivní synchronizace synchronizujte méně složek.</translation>
     </message>
     <message>
         <source>Folders you clear will be removed from this computer. Their copies on the server are kept and can be selected again at any time.</source>
-        <translation type="unfinished"></translation>
+        <translation>Složky, u kterých zrušíte výběr, budou z tohoto počítače odebrány. Jejich kopie na serveru zůstanou zachovány a můžete je kdykoli znovu vybrat.</translation>
     </message>
     <message>
         <source>Next backup: %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Další zálohování: %1</translation>
     </message>
     <message>
         <source>Preview only</source>
-        <translation type="unfinished"></translation>
+        <translation>Pouze náhled</translation>
     </message>
     <message>
         <source>A secure connection to the server could not be established. The server may not support the required encryption.</source>
-        <translation type="unfinished"></translation>
+        <translation>Nelze navázat zabezpečené připojení k serveru. Server možná nepodporuje požadované šifrování.</translation>
     </message>
     <message>
         <source>Limit how fast Quillon uploads and downloads so that other programs keep enough bandwidth. The limits apply to all sync sessions together.</source>
-        <translation type="unfinished"></translation>
+        <translation>Omezte rychlost nahrávání a stahování aplikace Quillon, aby ostatním programům zůstala dostatečná šířka pásma. Omezení platí pro všechny synchronizační relace dohromady.</translation>
     </message>
     <message>
         <source>Syncing...</source>
-        <translation type="unfinished"></translation>
+        <translation>Synchronizace...</translation>
     </message>
     <message>
         <source>Offline</source>
-        <translation type="unfinished"></translation>
+        <translation>Bez připojení</translation>
     </message>
     <message>
         <source>The sync folder is on a removable drive that is not connected. Syncing resumes when the drive is connected again.</source>
-        <translation type="unfinished"></translation>
+        <translation>Synchronizovaná složka je na vyměnitelné jednotce, která není připojena. Synchronizace bude pokračovat po opětovném připojení jednotky.</translation>
     </message>
     <message>
         <source>Send Feedback</source>
-        <translation type="unfinished"></translation>
+        <translation>Odeslat zpětnou vazbu</translation>
     </message>
     <message>
         <source>Two-way sync</source>
-        <translation type="unfinished"></translation>
+        <translation>Obousměrná synchronizace</translation>
     </message>
     <message>
         <source>Total size of the selected folders: %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Celková velikost vybraných složek: %1</translation>
     </message>
     <message>
         <source>Apply</source>
-        <translation type="unfinished"></translation>
+        <translation>Použít</translation>
     </message>
     <message>
         <source>Please enter the server address.</source>
-        <translation type="unfinished"></translation>
+        <translation>Zadejte adresu serveru.</translation>
     </message>
     <message>
         <source>Two-Step Verification</source>
-        <translation type="unfinished"></translation>
+        <translation>Dvoustupňové ověření</translation>
     </message>
     <message>
         <source>Your files are up to date.</source>
-        <translation type="unfinished"></translation>
+        <translation>Vaše soubory jsou aktuální.</translation>
     </message>
     <message>
         <source>Open Web Portal</source>
-        <translation type="unfinished"></translation>
+        <translation>Otevřít webový portál</translation>
     </message>
     <message>
         <source>Signed in as %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Přihlášený uživatel: %1</translation>
     </message>
     <message>
         <source>Destination</source>
-        <translation type="unfinished"></translation>
+        <translation>Cíl</translation>
     </message>
     <message>
         <source>On these days</source>
-        <translation type="unfinished"></translation>
+        <translation>V tyto dny</translation>
     </message>
     <message>
         <source>Create a new folder</source>
-        <translation type="unfinished"></translation>
+        <translation>Vytvořit novou složku</translation>
     </message>
     <message>
         <source>System folders, such as the root folder or the folder of a program, cannot be used as sync folders.</source>
-        <translation type="unfinished"></translation>
+        <translation>Systémové složky, například kořenovou složku nebo složku programu, nelze použít jako synchronizované složky.</translation>
     </message>
     <message>
         <source>What&apos;s New</source>
-        <translation type="unfinished"></translation>
+        <translation>Co je nového</translation>
     </message>
     <message>
         <source>Run Quillon</source>
-        <translation type="unfinished"></translation>
+        <translation>Spustit aplikaci Quillon</translation>
     </message>
     <message>
         <source>Create Link</source>
-        <translation type="unfinished"></translation>
+        <translation>Vytvořit odkaz</translation>
     </message>
     <message>
         <source>Start the client when I sign in to Windows</source>
-        <translation type="unfinished"></translation>
+        <translation>Spustit klienta při přihlášení do Windows</translation>
     </message>
     <message>
         <source>List of files</source>
-        <translation type="unfinished"></translation>
+        <translation>Seznam souborů</translation>
     </message>
     <message>
         <source>Do you want to stop the setup? Nothing will be synced until a sync session is set up. You can run the setup again from the tray menu.</source>
-        <translation type="unfinished"></translation>
+        <translation>Chcete nastavení ukončit? Dokud nebude nastavena synchronizační relace, nic se nebude synchronizovat. Nastavení můžete znovu spustit z nabídky v oznamovací oblasti.</translation>
     </message>
     <message>
         <source>Folder tree</source>
-        <translation type="unfinished"></translation>
+        <translation>Strom složek</translation>
     </message>
     <message>
         <source>Limit upload speed</source>
-        <translation type="unfinished"></translation>
+        <translation>Omezit rychlost nahrávání</translation>
     </message>
     <message>
         <source>The file could not be opened.</source>
-        <translation type="unfinished"></translation>
+        <translation>Soubor nelze otevřít.</translation>
     </message>
     <message>
         <source>File Filter...</source>
-        <translation type="unfinished"></translation>
+        <translation>Filtr souborů...</translation>
     </message>
     <message>
         <source>Disconnected</source>
-        <translation type="unfinished"></translation>
+        <translation>Odpojeno</translation>
     </message>
     <message>
         <source>Install</source>
-        <translation type="unfinished"></translation>
+        <translation>Nainstalovat</translation>
     </message>
     <message>
         <source>I accept the terms of the license agreement</source>
-        <translation type="unfinished"></translation>
+        <translation>Souhlasím s podmínkami licenční smlouvy</translation>
     </message>
     <message>
         <source>%1 shared %2 with you. It is available in your sync folder.</source>
-        <translation type="unfinished"></translation>
+        <translation>Uživatel %1 s vámi sdílí položku %2. Najdete ji ve své synchronizované složce.</translation>
     </message>
     <message>
         <source>Include the sync database</source>
-        <translation type="unfinished"></translation>
+        <translation>Zahrnout databázi synchronizace</translation>
     </message>
     <message>
         <source>Step %1 of %2</source>
-        <translation type="unfinished"></translation>
+        <translation>Krok %1 z %2</translation>
     </message>
     <message>
         <source>Files are shown as placeholders and downloaded when you open them. Placeholders take up almost no space on this computer. Right-click a file to keep it available offline.</source>
-        <translation type="unfinished"></translation>
+        <translation>Soubory se zobrazují jako zástupné soubory a stáhnou se, až je otevřete. Zástupné soubory v tomto počítači nezabírají téměř žádné místo. Chcete-li mít soubor k dispozici offline, klikněte na něj pravým tlačítkem myši.</translation>
     </message>
     <message>
         <source>Address</source>
-        <translation type="unfinished"></translation>
+        <translation>Adresa</translation>
     </message>
     <message>
         <source>Create a shortcut on the desktop</source>
-        <translation type="unfinished"></translation>
+        <translation>Vytvořit zástupce na ploše</translation>
     </message>
     <message>
         <source>Reconnecting...</source>
-        <translation type="unfinished"></translation>
+        <translation>Obnovování připojení...</translation>
     </message>
     <message>
         <source>The verification code is incorrect or has expired. Check that the clock of your phone is set correctly and try again.</source>
-        <translation type="unfinished"></translation>
+        <translation>Ověřovací kód je nesprávný nebo vypršela jeho platnost. Zkontrolujte, zda jsou v telefonu správně nastavené hodiny, a zkuste to znovu.</translation>
     </message>
     <message>
         <source>Sync sessions tab</source>
-        <translation type="unfinished"></translation>
+        <translation>Karta Synchronizační relace</translation>
     </message>
     <message>
         <source>Keep the server version</source>
-        <translation type="unfinished"></translation>
+        <translation>Ponechat verzi ze serveru</translation>
     </message>
     <message>
         <source>Quillon Setup Is Complete</source>
-        <translation type="unfinished"></translation>
+        <translation>Instalace aplikace Quillon je dokončena</translation>
     </message>
     <message>
         <source>When a file changes on both sides at the same time, Quillon keeps both versions so that no work is lost.</source>
-        <translation type="unfinished"></translation>
+        <translation>Když se soubor změní na obou stranách současně, aplikace Quillon ponechá obě verze, aby se žádná práce neztratila.</translation>
     </message>
     <message>
         <source>Open local folder</source>
-        <translation type="unfinished"></translation>
+        <translation>Otevřít místní složku</translation>
     </message>
     <message>
         <source>Deleted Files</source>
-        <translation type="unfinished"></translation>
+        <translation>Odstraněné soubory</translation>
     </message>
     <message>
         <source>The Setup Wizard is removing the program. Your synced files are not touched.</source>
-        <translation type="unfinished"></translation>
+        <translation>Průvodce instalací odebírá program. Vašich synchronizovaných souborů se to nijak nedotkne.</translation>
     </message>
     <message>
         <source>Open Server Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>Otevřít složku na serveru</translation>
     </message>
     <message>
         <source>The link has been copied to the clipboard. Paste it into an email or a chat message to share it.</source>
-        <translation type="unfinished"></translation>
+        <translation>Odkaz byl zkopírován do schránky. Chcete-li jej sdílet, vložte ho do e-mailu nebo do zprávy v chatu.</translation>
     </message>
     <message>
         <source>You are running the latest version of Quillon.</source>
-        <translation type="unfinished"></translation>
+        <translation>Používáte nejnovější verzi aplikace Quillon.</translation>
     </message>
     <message>
         <source>Create Backup Plan</source>
-        <translation type="unfinished"></translation>
+        <translation>Vytvořit plán zálohování</translation>
     </message>
     <message>
         <source>Advanced Settings</source>
-        <translation type="unfinished"></translation>
+        <translation>Pokročilá nastavení</translation>
     </message>
     <message>
         <source>This version is no longer available on the server. It may have been removed by the version retention policy.</source>
-        <translation type="unfinished"></translation>
+        <translation>Tato verze již na serveru není k dispozici. Mohla být odstraněna podle zásad uchovávání verzí.</translation>
     </message>
     <message>
         <source>Folder on this computer</source>
-        <translation type="unfinished"></translation>
+        <translation>Složka v tomto počítači</translation>
     </message>
     <message>
         <source>Server address</source>
-        <translation type="unfinished"></translation>
+        <translation>Adresa serveru</translation>
     </message>
     <message>
         <source>Restoring...</source>
-        <translation type="unfinished"></translation>
+        <translation>Obnovování...</translation>
     </message>
     <message>
         <source>Right-click a file or folder and choose Share to send a link to anyone, even to people without an account.</source>
-        <translation type="unfinished"></translation>
+        <translation>Klikněte pravým tlačítkem myši na soubor nebo složku a zvolte Sdílet. Odkaz můžete poslat komukoli, i lidem bez účtu.</translation>
     </message>
     <message>
         <source>Create Sync Session</source>
-        <translation type="unfinished"></translation>
+        <translation>Vytvořit synchronizační relaci</translation>
     </message>
     <message>
         <source>The file is larger than the maximum file size allowed by the server and will not be uploaded.</source>
-        <translation type="unfinished"></translation>
+        <translation>Soubor je větší, než je maximální velikost souboru povolená serverem, a nebude nahrán.</translation>
     </message>
     <message>
         <source>Friday</source>
-        <translation type="unfinished"></translation>
+        <translation>Pátek</translation>
     </message>
     <message>
         <source>Recent Activity</source>
-        <translation type="unfinished"></translation>
+        <translation>Nedávná aktivita</translation>
     </message>
     <message>
         <source>Back Up Now</source>
-        <translation type="unfinished"></translation>
+        <translation>Zálohovat nyní</translation>
     </message>
     <message>
         <source>The file filter has changed. Files that no longer match will be removed from this computer but stay on the server.</source>
-        <translation type="unfinished"></translation>
+        <translation>Filtr souborů se změnil. Soubory, které mu již neodpovídají, budou z tohoto počítače odebrány, ale zůstanou na serveru.</translation>
     </message>
     <message>
         <source>Later</source>
-        <translation type="unfinished"></translation>
+        <translation>Později</translation>
     </message>
     <message>
         <source>%1 could not be renamed to %2. An item with that name may already exist.</source>
-        <translation type="unfinished"></translation>
+        <translation>Položku %1 nelze přejmenovat na %2. Položka s tímto názvem již možná existuje.</translation>
     </message>
     <message>
         <source>Show desktop notifications</source>
-        <translation type="unfinished"></translation>
+        <translation>Zobrazovat oznámení na ploše</translation>
     </message>
     <message>
         <source>Warning</source>
-        <translation type="unfinished"></translation>
+        <translation>Upozornění</translation>
     </message>
     <message>
         <source>Files that match these rules are neither uploaded nor downloaded. Files on the server that match a rule are left untouched.</source>
-        <translation type="unfinished"></translation>
+        <translation>Soubory, které odpovídají těmto pravidlům, se nenahrávají ani nestahují. Soubory na serveru, které odpovídají některému pravidlu, zůstanou beze změny.</translation>
     </message>
     <message>
         <source>Version</source>
-        <translation type="unfinished"></translation>
+        <translation>Verze</translation>
     </message>
     <message>
         <source>Please enter a valid email address.</source>
-        <translation type="unfinished"></translation>
+        <translation>Zadejte platnou e-mailovou adresu.</translation>
     </message>
     <message>
         <source>%1 was deleted on the server and has been moved to the recycle bin of this computer.</source>
-        <translation type="unfinished"></translation>
+        <translation>Soubor %1 byl odstraněn na serveru a byl přesunut do koše v tomto počítači.</translation>
     </message>
     <message>
         <source>The relay service could not reach your server. Make sure the server is online and the relay service is enabled on it.</source>
-        <translation type="unfinished"></translation>
+        <translation>Přenosová služba se nemohla spojit s vaším serverem. Ujistěte se, že je server online a že je na něm přenosová služba povolena.</translation>
     </message>
     <message>
         <source>General</source>
-        <translation type="unfinished"></translation>
+        <translation>Obecné</translation>
     </message>
     <message>
         <source>Keep a folder on this computer in sync with a folder on the server. Changes on either side are copied to the other.</source>
-        <translation type="unfinished"></translation>
+        <translation>Udržovat složku v tomto počítači synchronizovanou se složkou na serveru. Změny na kterékoli straně se zkopírují na druhou stranu.</translation>
     </message>
     <message>
         <source>Syncing resumes automatically in %1 minutes.</source>
-        <translation type="unfinished"></translation>
+        <translation>Synchronizace bude automaticky obnovena za %1 min.</translation>
     </message>
     <message>
         <source>Clear search</source>
-        <translation type="unfinished"></translation>
+        <translation>Vymazat hledání</translation>
     </message>
     <message>
         <source>Forgot your password?</source>
-        <translation type="unfinished"></translation>
+        <translation>Zapomněli jste heslo?</translation>
     </message>
     <message>
         <source>Help</source>
-        <translation type="unfinished"></translation>
+        <translation>Nápověda</translation>
     </message>
     <message>
         <source>Browse...</source>
-        <translation type="unfinished"></translation>
+        <translation>Procházet...</translation>
     </message>
     <message>
         <source>Add Rule</source>
-        <translation type="unfinished"></translation>
+        <translation>Přidat pravidlo</translation>
     </message>
     <message>
         <source>Selective Sync</source>
-        <translation type="unfinished"></translation>
+        <translation>Selektivní synchronizace</translation>
     </message>
     <message>
         <source>%1 items</source>
-        <translation type="unfinished"></translation>
+        <translation>Položky: %1</translation>
     </message>
     <message>
         <source>The certificate of this server could not be verified. Someone may be impersonating the server to read your files or your password. Continue only if you trust this network and the server.</source>
-        <translation type="unfinished"></translation>
+        <translation>Certifikát tohoto serveru nelze ověřit. Někdo se možná vydává za server, aby mohl číst vaše soubory nebo heslo. Pokračujte pouze v případě, že této síti a serveru důvěřujete.</translation>
     </message>
     <message>
         <source>About Quillon</source>
-        <translation type="unfinished"></translation>
+        <translation>O aplikaci Quillon</translation>
     </message>
     <message>
         <source>Every day</source>
-        <translation type="unfinished"></translation>
+        <translation>Každý den</translation>
     </message>
     <message>
         <source>Look in:</source>
-        <translation type="unfinished"></translation>
+        <translation>Hledat v:</translation>
     </message>
     <message>
         <source>Volume</source>
-        <translation type="unfinished"></translation>
+        <translation>Svazek</translation>
     </message>
     <message>
         <source>Sync This Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>Synchronizovat tuto složku</translation>
     </message>
     <message>
         <source>Syncing</source>
-        <translation type="unfinished"></translation>
+        <translation>Synchronizace</translation>
     </message>
     <message>
         <source>Download progress</source>
-        <translation type="unfinished"></translation>
+        <translation>Průběh stahování</translation>
     </message>
     <message>
         <source>Upload only</source>
-        <translation type="unfinished"></translation>
+        <translation>Pouze nahrávat</translation>
     </message>
     <message>
         <source>Attach the log files to help us find the cause of the problem</source>
-        <translation type="unfinished"></translation>
+        <translation>Přiložit soubory protokolu, které nám pomohou najít příčinu problému</translation>
     </message>
     <message>
         <source>Copy Link</source>
-        <translation type="unfinished"></translation>
+        <translation>Kopírovat odkaz</translation>
     </message>
     <message>
         <source>Use an encrypted connection (HTTPS)</source>
-        <translation type="unfinished"></translation>
+        <translation>Použít šifrované připojení (HTTPS)</translation>
     </message>
     <message>
         <source>Launch [ProductName]</source>
-        <translation type="unfinished"></translation>
+        <translation>Spustit aplikaci [ProductName]</translation>
     </message>
     <message>
         <source>The local folder of this sync session no longer exists. Restore the folder or choose a new one in the session settings.</source>
-        <translation type="unfinished"></translation>
+        <translation>Místní složka této synchronizační relace již neexistuje. Obnovte složku nebo v nastavení relace vyberte novou.</translation>
     </message>
     <message>
         <source>General tab</source>
-        <translation type="unfinished"></translation>
+        <translation>Karta Obecné</translation>
     </message>
     <message>
         <source>Install updates automatically</source>
-        <translation type="unfinished"></translation>
+        <translation>Instalovat aktualizace automaticky</translation>
     </message>
     <message>
         <source>File History</source>
-        <translation type="unfinished"></translation>
+        <translation>Historie souboru</translation>
     </message>
     <message>
         <source>Trust this computer</source>
-        <translation type="unfinished"></translation>
+        <translation>Důvěřovat tomuto počítači</translation>
     </message>
     <message>
         <source>Thursday</source>
-        <translation type="unfinished"></translation>
+        <translation>Čtvrtek</translation>
     </message>
     <message>
         <source>Folder name:</source>
-        <translation type="unfinished"></translation>
+        <translation>Název složky:</translation>
     </message>
     <message>
         <source>%1 of %2</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 z %2</translation>
     </message>
     <message>
         <source>Quillon %1 is available.</source>
-        <translation type="unfinished"></translation>
+        <translation>Je k dispozici aplikace Quillon %1.</translation>
     </message>
     <message>
         <source>%1 bytes</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 B</translation>
     </message>
     <message>
         <source>Check for updates automatically</source>
-        <translation type="unfinished"></translation>
+        <translation>Automaticky vyhledávat aktualizace</translation>
     </message>
     <message>
         <source>Loading versions...</source>
-        <translation type="unfinished"></translation>
+        <translation>Načítání verzí...</translation>
     </message>
     <message>
         <source>The maximum number of sync sessions for this connection has been reached. Remove a session before you create a new one.</source>
-        <translation type="unfinished"></translation>
+        <translation>Bylo dosaženo maximálního počtu synchronizačních relací pro toto připojení. Než vytvoříte novou relaci, odeberte některou ze stávajících.</translation>
     </message>
     <message>
         <source>Quillon will be installed in the folder below. To choose another folder, click Browse. Click Install to start the installation.</source>
-        <translation type="unfinished"></translation>
+        <translation>Aplikace Quillon bude nainstalována do níže uvedené složky. Chcete-li zvolit jinou složku, klikněte na tlačítko Procházet. Instalaci zahájíte kliknutím na tlačítko Nainstalovat.</translation>
     </message>
     <message>
         <source>From %1 to %2</source>
-        <translation type="unfinished"></translation>
+        <translation>Od %1 do %2</translation>
     </message>
     <message>
         <source>Stopping the running client so that its files can be replaced</source>
-        <translation type="unfinished"></translation>
+        <translation>Zastavování spuštěného klienta, aby bylo možné nahradit jeho soubory</translation>
     </message>
     <message>
         <source>Open File</source>
-        <translation type="unfinished"></translation>
+        <translation>Otevřít soubor</translation>
     </message>
     <message>
         <source>This sharing link has expired and can no longer be opened.</source>
-        <translation type="unfinished"></translation>
+        <translation>Platnost tohoto odkazu pro sdílení vypršela a odkaz již nelze otevřít.</translation>
     </message>
     <message>
         <source>Software Update</source>
-        <translation type="unfinished"></translation>
+        <translation>Aktualizace softwaru</translation>
     </message>
     <message>
         <source>Click Repair to restore missing or damaged files and shortcuts. Your settings and sync sessions are not changed. Click Cancel to exit the wizard.</source>
-        <translation type="unfinished"></translation>
+        <translation>Kliknutím na tlačítko Opravit obnovíte chybějící nebo poškozené soubory a zástupce. Vaše nastavení a synchronizační relace se nezmění. Průvodce ukončíte kliknutím na tlačítko Storno.</translation>
     </message>
     <message>
         <source>No</source>
-        <translation type="unfinished"></translation>
+        <translation>Ne</translation>
     </message>
     <message>
         <source>Signing in...</source>
-        <translation type="unfinished"></translation>
+        <translation>Přihlašování...</translation>
     </message>
     <message>
         <source>Share Link</source>
-        <translation type="unfinished"></translation>
+        <translation>Odkaz pro sdílení</translation>
     </message>
     <message>
         <source>The update could not be downloaded. Check your network connection and try again.</source>
-        <translation type="unfinished"></translation>
+        <translation>Aktualizaci nelze stáhnout. Zkontrolujte připojení k síti a zkuste to znovu.</translation>
     </message>
     <message>
         <source>About tab</source>
-        <translation type="unfinished"></translation>
+        <translation>Karta O aplikaci</translation>
     </message>
     <message>
         <source>Another copy of Quillon is already running for this user.</source>
-        <translation type="unfinished"></translation>
+        <translation>Pro tohoto uživatele je již spuštěna jiná instance aplikace Quillon.</translation>
     </message>
     <message>
         <source>Move Sync Folder...</source>
-        <translation type="unfinished"></translation>
+        <translation>Přesunout synchronizovanou složku...</translation>
     </message>
     <message>
         <source>Username</source>
-        <translation type="unfinished"></translation>
+        <translation>Uživatelské jméno</translation>
     </message>
     <message>
         <source>The sharing link could not be created. Check your connection to the server and try again.</source>
-        <translation type="unfinished"></translation>
+        <translation>Odkaz pro sdílení nelze vytvořit. Zkontrolujte připojení k serveru a zkuste to znovu.</translation>
     </message>
     <message>
         <source>Sync Now</source>
-        <translation type="unfinished"></translation>
+        <translation>Synchronizovat nyní</translation>
     </message>
     <message>
         <source>Quillon is running. Exit Quillon from its tray menu and click Retry, or click Cancel to stop setup.</source>
-        <translation type="unfinished"></translation>
+        <translation>Aplikace Quillon je spuštěná. Ukončete ji z její nabídky v oznamovací oblasti a klikněte na tlačítko Opakovat, nebo instalaci ukončete kliknutím na tlačítko Storno.</translation>
     </message>
     <message>
         <source>The local copy was renamed to %1 so that both versions are kept.</source>
-        <translation type="unfinished"></translation>
+        <translation>Místní kopie byla přejmenována na %1, aby byly zachovány obě verze.</translation>
     </message>
     <message>
         <source>Read and write</source>
-        <translation type="unfinished"></translation>
+        <translation>Čtení a zápis</translation>
     </message>
     <message>
         <source>Indexing %1 of %2 files</source>
-        <translation type="unfinished"></translation>
+        <translation>Indexování souborů: %1 z %2</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Files in Use</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}Používané soubory</translation>
     </message>
     <message>
         <source>The Setup Wizard is installing the program. This may take several minutes.</source>
-        <translation type="unfinished"></translation>
+        <translation>Průvodce instalací instaluje program. Může to trvat několik minut.</translation>
     </message>
     <message>
         <source>This folder is empty.</source>
-        <translation type="unfinished"></translation>
+        <translation>Tato složka je prázdná.</translation>
     </message>
     <message>
         <source>Click Remove to uninstall the program from your computer. The files in your sync folders are not deleted and stay on your server. Click Cancel to exit the wizard.</source>
-        <translation type="unfinished"></translation>
+        <translation>Kliknutím na tlačítko Odebrat odinstalujete program z počítače. Soubory v synchronizovaných složkách nebudou odstraněny a zůstanou na serveru. Průvodce ukončíte kliknutím na tlačítko Storno.</translation>
     </message>
     <message>
         <source>Welcome to Quillon</source>
-        <translation type="unfinished"></translation>
+        <translation>Vítá vás aplikace Quillon</translation>
     </message>
     <message>
         <source>The password must be at least %1 characters long.</source>
-        <translation type="unfinished"></translation>
+        <translation>Heslo je příliš krátké. Minimální počet znaků: %1.</translation>
     </message>
     <message>
         <source>Backup task %1 completed.</source>
-        <translation type="unfinished"></translation>
+        <translation>Úloha zálohování %1 byla dokončena.</translation>
     </message>
     <message>
         <source>Pause for 1 hour</source>
-        <translation type="unfinished"></translation>
+        <translation>Pozastavit na 1 hodinu</translation>
     </message>
     <message>
         <source>The installation needs more disk space than is available.</source>
-        <translation type="unfinished"></translation>
+        <translation>Instalace vyžaduje více místa na disku, než je k dispozici.</translation>
     </message>
     <message>
         <source>Click Next to install to the folder shown, or click Change to choose another folder.</source>
-        <translation type="unfinished"></translation>
+        <translation>Kliknutím na tlačítko Další provedete instalaci do zobrazené složky. Chcete-li zvolit jinou složku, klikněte na tlačítko Změnit.</translation>
     </message>
     <message>
         <source>Certificate Warning</source>
-        <translation type="unfinished"></translation>
+        <translation>Upozornění na certifikát</translation>
     </message>
     <message>
         <source>Expiry date</source>
-        <translation type="unfinished"></translation>
+        <translation>Datum vypršení platnosti</translation>
     </message>
     <message>
         <source>August</source>
-        <translation type="unfinished"></translation>
+        <translation>Srpen</translation>
     </message>
     <message>
         <source>Start automatically when I sign in</source>
-        <translation type="unfinished"></translation>
+        <translation>Spouštět automaticky po přihlášení</translation>
     </message>
     <message>
         <source>Export Logs...</source>
-        <translation type="unfinished"></translation>
+        <translation>Exportovat protokoly...</translation>
     </message>
     <message>
         <source>Syncing is paused until %1. Changes made in the meantime are synced afterwards.</source>
-        <translation type="unfinished"></translation>
+        <translation>Synchronizace je pozastavena do %1. Změny provedené v mezidobí budou synchronizovány poté.</translation>
     </message>
     <message>
         <source>December</source>
-        <translation type="unfinished"></translation>
+        <translation>Prosinec</translation>
     </message>
     <message>
         <source>The certificate of the server has changed since your last connection. Continue only if your administrator has replaced the certificate.</source>
-        <translation type="unfinished"></translation>
+        <translation>Certifikát serveru se od vašeho posledního připojení změnil. Pokračujte pouze v případě, že certifikát vyměnil váš správce.</translation>
     </message>
     <message>
         <source>A new version, Quillon %1, is ready to install.</source>
-        <translation type="unfinished"></translation>
+        <translation>Nová verze aplikace Quillon (%1) je připravena k instalaci.</translation>
     </message>
     <message>
         <source>Your settings have been saved.</source>
-        <translation type="unfinished"></translation>
+        <translation>Nastavení bylo uloženo.</translation>
     </message>
     <message>
         <source>Retry</source>
-        <translation type="unfinished"></translation>
+        <translation>Opakovat</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Ready to Repair</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}Připraveno k opravě</translation>
     </message>
     <message>
         <source>There is not enough free space on this computer. Free some space and syncing will continue.</source>
-        <translation type="unfinished"></translation>
+        <translation>V tomto počítači není dostatek volného místa. Jakmile místo uvolníte, synchronizace bude pokračovat.</translation>
     </message>
     <message>
         <source>The sync session has been removed.</source>
-        <translation type="unfinished"></translation>
+        <translation>Synchronizační relace byla odebrána.</translation>
     </message>
     <message>
         <source>Use system proxy settings</source>
-        <translation type="unfinished"></translation>
+        <translation>Použít systémové nastavení proxy serveru</translation>
     </message>
     <message>
         <source>Keep up to %1 versions of each file</source>
-        <translation type="unfinished"></translation>
+        <translation>Maximální počet uchovávaných verzí každého souboru: %1</translation>
     </message>
     <message>
         <source>The selected version could not be restored. Check that you have permission to change the file and try again.</source>
-        <translation type="unfinished"></translation>
+        <translation>Vybranou verzi nelze obnovit. Zkontrolujte, zda máte oprávnění soubor měnit, a zkuste to znovu.</translation>
     </message>
     <message>
         <source>Quillon keeps the files on your computer and on your server in sync, so your latest work is always at hand. Let&apos;s set up your first sync session.</source>
-        <translation type="unfinished"></translation>
+        <translation>Aplikace Quillon udržuje soubory ve vašem počítači a na serveru synchronizované, takže svou nejnovější práci máte vždy po ruce. Nyní nastavíme vaši první synchronizační relaci.</translation>
     </message>
     <message>
         <source>Current version</source>
-        <translation type="unfinished"></translation>
+        <translation>Aktuální verze</translation>
     </message>
     <message>
         <source>June</source>
-        <translation type="unfinished"></translation>
+        <translation>Červen</translation>
     </message>
     <message>
         <source>Choose the folder to install the program in. You need permission to write to it.</source>
-        <translation type="unfinished"></translation>
+        <translation>Vyberte složku, do které chcete program nainstalovat. Musíte mít oprávnění do ní zapisovat.</translation>
     </message>
     <message>
         <source>Sync new folders on the server automatically</source>
-        <translation type="unfinished"></translation>
+        <translation>Automaticky synchronizovat nové složky na serveru</translation>
     </message>
     <message>
         <source>Remind Me Later</source>
-        <translation type="unfinished"></translation>
+        <translation>Připomenout později</translation>
     </message>
     <message>
         <source>Deleted on %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Odstraněno %1</translation>
     </message>
     <message>
         <source>Upload speed</source>
-        <translation type="unfinished"></translation>
+        <translation>Rychlost nahrávání</translation>
     </message>
     <message>
         <source>You have used %1% of your storage quota. Syncing stops when the quota is used up.</source>
-        <translation type="unfinished"></translation>
+        <translation>Využili jste %1 % své kvóty úložiště. Po vyčerpání kvóty se synchronizace zastaví.</translation>
     </message>
     <message>
         <source>Renamed</source>
-        <translation type="unfinished"></translation>
+        <translation>Přejmenováno</translation>
     </message>
     <message>
         <source>The server folder of this sync session has been removed. Do you want to remove the session as well? The local files are kept.</source>
-        <translation type="unfinished"></translation>
+        <translation>Složka na serveru pro tuto synchronizační relaci byla odebrána. Chcete odebrat i relaci? Místní soubory zůstanou zachovány.</translation>
     </message>
     <message>
         <source>Quillon status icon</source>
-        <translation type="unfinished"></translation>
+        <translation>Ikona stavu aplikace Quillon</translation>
     </message>
     <message>
         <source>Preview</source>
-        <translation type="unfinished"></translation>
+        <translation>Náhled</translation>
     </message>
     <message>
         <source>Completed</source>
-        <translation type="unfinished"></translation>
+        <translation>Dokončeno</translation>
     </message>
     <message>
         <source>More actions</source>
-        <translation type="unfinished"></translation>
+        <translation>Další akce</translation>
     </message>
     <message>
         <source>Recycle Bin</source>
-        <translation type="unfinished"></translation>
+        <translation>Koš</translation>
     </message>
     <message>
         <source>OK</source>
-        <translation type="unfinished"></translation>
+        <translation>OK</translation>
     </message>
     <message>
         <source>Start time</source>
-        <translation type="unfinished"></translation>
+        <translation>Čas zahájení</translation>
     </message>
     <message>
         <source>This account is protected by two-step verification. Enter the six-digit code from your authenticator app.</source>
-        <translation type="unfinished"></translation>
+        <translation>Tento účet je chráněn dvoustupňovým ověřením. Zadejte šestimístný kód z ověřovací aplikace.</translation>
     </message>
     <message>
         <source>Quillon – up to date</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon – aktuální</translation>
     </message>
     <message>
         <source>Check the settings below and click Done to start syncing. You can change them later in the session settings.</source>
-        <translation type="unfinished"></translation>
+        <translation>Zkontrolujte níže uvedená nastavení a kliknutím na tlačítko Hotovo zahajte synchronizaci. Později je můžete změnit v nastavení relace.</translation>
     </message>
     <message>
         <source>Ready</source>
-        <translation type="unfinished"></translation>
+        <translation>Připraveno</translation>
     </message>
     <message>
         <source>Upload %1, download %2</source>
-        <translation type="unfinished"></translation>
+        <translation>Nahrávání %1, stahování %2</translation>
     </message>
     <message>
         <source>Sync files</source>
-        <translation type="unfinished"></translation>
+        <translation>Synchronizovat soubory</translation>
     </message>
     <message>
         <source>Collapse folder</source>
-        <translation type="unfinished"></translation>
+        <translation>Sbalit složku</translation>
     </message>
     <message>
         <source>Search recent files</source>
-        <translation type="unfinished"></translation>
+        <translation>Hledat v nedávných souborech</translation>
     </message>
     <message>
         <source>Request Access</source>
-        <translation type="unfinished"></translation>
+        <translation>Požádat o přístup</translation>
     </message>
     <message>
         <source>Done</source>
-        <translation type="unfinished"></translation>
+        <translation>Hotovo</translation>
     </message>
     <message>
         <source>Limit download speed</source>
-        <translation type="unfinished"></translation>
+        <translation>Omezit rychlost stahování</translation>
     </message>
     <message>
         <source>The proxy server requires authentication. Enter the username and password of the proxy in the network settings.</source>
-        <translation type="unfinished"></translation>
+        <translation>Proxy server vyžaduje ověření. V nastavení sítě zadejte uživatelské jméno a heslo pro proxy server.</translation>
     </message>
     <message>
         <source>Quillon</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon</translation>
     </message>
     <message>
         <source>Quillon Desktop Client</source>
-        <translation type="unfinished"></translation>
+        <translation>Desktopový klient Quillon</translation>
     </message>
     <message>
         <source>Please wait...</source>
-        <translation type="unfinished"></translation>
+        <translation>Čekejte prosím...</translation>
     </message>
     <message>
         <source>Fingerprint: %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Otisk: %1</translation>
     </message>
     <message>
         <source>Saturday</source>
-        <translation type="unfinished"></translation>
+        <translation>Sobota</translation>
     </message>
     <message>
         <source>Start Now</source>
-        <translation type="unfinished"></translation>
+        <translation>Spustit nyní</translation>
     </message>
     <message>
         <source>Restore as a Copy</source>
-        <translation type="unfinished"></translation>
+        <translation>Obnovit jako kopii</translation>
     </message>
     <message>
         <source>%1 TB</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 TB</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Bigger}[ProductName] Has Been Installed</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Bigger}Aplikace [ProductName] byla nainstalována</translation>
     </message>
     <message>
         <source>Open Source Licenses</source>
-        <translation type="unfinished"></translation>
+        <translation>Licence softwaru s otevřeným zdrojovým kódem</translation>
     </message>
     <message>
         <source>Change Password</source>
-        <translation type="unfinished"></translation>
+        <translation>Změnit heslo</translation>
     </message>
     <message>
         <source>Unable to connect to the proxy server. Check the proxy address and port in the network settings.</source>
-        <translation type="unfinished"></translation>
+        <translation>Nelze se připojit k proxy serveru. Zkontrolujte adresu a port proxy serveru v nastavení sítě.</translation>
     </message>
     <message>
         <source>Start Quillon when I sign in</source>
-        <translation type="unfinished"></translation>
+        <translation>Spouštět aplikaci Quillon po přihlášení</translation>
     </message>
     <message>
         <source>Skip This Version</source>
-        <translation type="unfinished"></translation>
+        <translation>Přeskočit tuto verzi</translation>
     </message>
     <message>
         <source>Keep Both</source>
-        <translation type="unfinished"></translation>
+        <translation>Ponechat obě</translation>
     </message>
     <message>
         <source>The connection to %1 has been restored.</source>
-        <translation type="unfinished"></translation>
+        <translation>Připojení k serveru %1 bylo obnoveno.</translation>
     </message>
     <message>
         <source>Sync hidden files</source>
-        <translation type="unfinished"></translation>
+        <translation>Synchronizovat skryté soubory</translation>
     </message>
     <message>
         <source>Only administrators can change this setting. It is managed for your organization.</source>
-        <translation type="unfinished"></translation>
+        <translation>Toto nastavení mohou měnit pouze správci. Spravuje ho vaše organizace.</translation>
     </message>
     <message>
         <source>Bandwidth</source>
-        <translation type="unfinished"></translation>
+        <translation>Šířka pásma</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Destination Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}Cílová složka</translation>
     </message>
     <message>
         <source>Collecting logs...</source>
-        <translation type="unfinished"></translation>
+        <translation>Shromažďování protokolů...</translation>
     </message>
     <message>
         <source>A sync folder cannot be inside another sync folder, and it cannot contain one. Choose a folder outside your other sync folders.</source>
-        <translation type="unfinished"></translation>
+        <translation>Synchronizovaná složka nemůže být umístěna v jiné synchronizované složce ani ji nesmí obsahovat. Vyberte složku mimo ostatní synchronizované složky.</translation>
     </message>
     <message>
         <source>There is not enough free space on the disk that holds the sync folder. Free some space or move the sync folder to another disk.</source>
-        <translation type="unfinished"></translation>
+        <translation>Na disku se synchronizovanou složkou není dostatek volného místa. Uvolněte místo nebo přesuňte synchronizovanou složku na jiný disk.</translation>
     </message>
     <message>
         <source>Properties</source>
-        <translation type="unfinished"></translation>
+        <translation>Vlastnosti</translation>
     </message>
     <message>
         <source>Free Up Space</source>
-        <translation type="unfinished"></translation>
+        <translation>Uvolnit místo</translation>
     </message>
     <message>
         <source>Sync progress</source>
-        <translation type="unfinished"></translation>
+        <translation>Průběh synchronizace</translation>
     </message>
     <message>
         <source>Download speed</source>
-        <translation type="unfinished"></translation>
+        <translation>Rychlost stahování</translation>
     </message>
     <message>
         <source>All activity</source>
-        <translation type="unfinished"></translation>
+        <translation>Veškerá aktivita</translation>
     </message>
     <message>
         <source>The sync folder cannot be found. It may have been moved, renamed or deleted. Syncing is paused until the folder is available again.</source>
-        <translation type="unfinished"></translation>
+        <translation>Synchronizovanou složku nelze najít. Mohla být přesunuta, přejmenována nebo odstraněna. Synchronizace je pozastavena, dokud složka nebude opět k dispozici.</translation>
     </message>
     <message>
         <source>What would you like to do?</source>
-        <translation type="unfinished"></translation>
+        <translation>Co chcete udělat?</translation>
     </message>
     <message>
         <source>Check for Updates</source>
-        <translation type="unfinished"></translation>
+        <translation>Vyhledat aktualizace</translation>
     </message>
     <message>
         <source>Recent Changes</source>
-        <translation type="unfinished"></translation>
+        <translation>Nedávné změny</translation>
     </message>
     <message>
         <source>The downloaded update is damaged and has been discarded. Please try again later.</source>
-        <translation type="unfinished"></translation>
+        <translation>Stažená aktualizace je poškozená a byla zahozena. Zkuste to znovu později.</translation>
     </message>
     <message>
         <source>Skip temporary and system files</source>
-        <translation type="unfinished"></translation>
+        <translation>Přeskakovat dočasné a systémové soubory</translation>
     </message>
     <message>
         <source>List of connections</source>
-        <translation type="unfinished"></translation>
+        <translation>Seznam připojení</translation>
     </message>
     <message>
         <source>The server certificate has expired. Ask your administrator to renew it.</source>
-        <translation type="unfinished"></translation>
+        <translation>Platnost certifikátu serveru vypršela. Požádejte správce o jeho obnovení.</translation>
     </message>
     <message>
         <source>Show password</source>
-        <translation type="unfinished"></translation>
+        <translation>Zobrazit heslo</translation>
     </message>
     <message>
         <source>Folder name</source>
-        <translation type="unfinished"></translation>
+        <translation>Název složky</translation>
     </message>
     <message>
         <source>Inherited from %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Zděděno z %1</translation>
     </message>
     <message>
         <source>My Quillon</source>
-        <translation type="unfinished"></translation>
+        <translation>Můj Quillon</translation>
     </message>
     <message>
         <source>Clear selection</source>
-        <translation type="unfinished"></translation>
+        <translation>Zrušit výběr</translation>
     </message>
     <message>
         <source>Anyone with this link will lose access to the shared item. Do you want to stop sharing?</source>
-        <translation type="unfinished"></translation>
+        <translation>Každý, kdo má tento odkaz, ztratí přístup ke sdílené položce. Chcete sdílení ukončit?</translation>
     </message>
     <message>
         <source>The Setup Wizard lets you repair the installation on your computer or remove it. Click Next to continue or Cancel to exit the wizard.</source>
-        <translation type="unfinished"></translation>
+        <translation>Průvodce instalací umožňuje opravit nebo odebrat instalaci v tomto počítači. Pokračujte kliknutím na tlačítko Další, nebo průvodce ukončete kliknutím na tlačítko Storno.</translation>
     </message>
     <message>
         <source>The certificate was issued for %1, not for %2. You may be connecting through an address that the certificate does not cover.</source>
-        <translation type="unfinished"></translation>
+        <translation>Certifikát byl vydán pro %1, nikoli pro %2. Možná se připojujete přes adresu, na kterou se certifikát nevztahuje.</translation>
     </message>
     <message>
         <source>May</source>
-        <translation type="unfinished"></translation>
+        <translation>Květen</translation>
     </message>
     <message>
         <source>The passwords do not match.</source>
-        <translation type="unfinished"></translation>
+        <translation>Hesla se neshodují.</translation>
     </message>
     <message>
         <source>Export Logs</source>
-        <translation type="unfinished"></translation>
+        <translation>Exportovat protokoly</translation>
     </message>
     <message>
         <source>Copy link</source>
-        <translation type="unfinished"></translation>
+        <translation>Kopírovat odkaz</translation>
     </message>
     <message>
         <source>The name %1 contains characters that are not allowed on the server. Rename the item to sync it.</source>
-        <translation type="unfinished"></translation>
+        <translation>Název %1 obsahuje znaky, které server nepovoluje. Chcete-li položku synchronizovat, přejmenujte ji.</translation>
     </message>
     <message>
         <source>Share</source>
-        <translation type="unfinished"></translation>
+        <translation>Sdílet</translation>
     </message>
     <message>
         <source>Normal</source>
-        <translation type="unfinished"></translation>
+        <translation>Normální</translation>
     </message>
     <message>
         <source>Keep both versions</source>
-        <translation type="unfinished"></translation>
+        <translation>Ponechat obě verze</translation>
     </message>
     <message>
         <source>All Set</source>
-        <translation type="unfinished"></translation>
+        <translation>Vše je připraveno</translation>
     </message>
     <message>
         <source>Versions of %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Verze souboru %1</translation>
     </message>
     <message>
         <source>Password</source>
-        <translation type="unfinished"></translation>
+        <translation>Heslo</translation>
     </message>
     <message>
         <source>Available</source>
-        <translation type="unfinished"></translation>
+        <translation>K dispozici</translation>
     </message>
     <message>
         <source>Open Sync Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>Otevřít synchronizovanou složku</translation>
     </message>
     <message>
         <source>%1 of %2 selected</source>
-        <translation type="unfinished"></translation>
+        <translation>Vybráno: %1 z %2</translation>
     </message>
     <message>
         <source>KB/s</source>
-        <translation type="unfinished"></translation>
+        <translation>kB/s</translation>
     </message>
     <message>
         <source>List of file versions</source>
-        <translation type="unfinished"></translation>
+        <translation>Seznam verzí souboru</translation>
     </message>
     <message>
         <source>Upgrade</source>
-        <translation type="unfinished"></translation>
+        <translation>Přejít na novou verzi</translation>
     </message>
     <message>
         <source>Start Quillon automatically when you sign in, so your files are synced without you having to remember it.</source>
-        <translation type="unfinished"></translation>
+        <translation>Spouštějte aplikaci Quillon automaticky po přihlášení, aby se vaše soubory synchronizovaly, aniž byste na to museli myslet.</translation>
     </message>
     <message>
         <source>Choose the server folders to sync to this computer. New folders created on the server can be added automatically.</source>
-        <translation type="unfinished"></translation>
+        <translation>Vyberte složky na serveru, které chcete synchronizovat do tohoto počítače. Nové složky vytvořené na serveru lze přidávat automaticky.</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Installing [ProductName]</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}Instalace aplikace [ProductName]</translation>
     </message>
     <message>
         <source>An unexpected error occurred (code %1).</source>
-        <translation type="unfinished"></translation>
+        <translation>Došlo k neočekávané chybě (kód %1).</translation>
     </message>
     <message>
         <source>I do not accept the terms of the license agreement</source>
-        <translation type="unfinished"></translation>
+        <translation>Nesouhlasím s podmínkami licenční smlouvy</translation>
     </message>
     <message>
         <source>Certificate</source>
-        <translation type="unfinished"></translation>
+        <translation>Certifikát</translation>
     </message>
     <message>
         <source>Take a quick tour of Quillon</source>
-        <translation type="unfinished"></translation>
+        <translation>Projděte si krátkou prohlídku aplikace Quillon</translation>
     </message>
     <message>
         <source>March</source>
-        <translation type="unfinished"></translation>
+        <translation>Březen</translation>
     </message>
     <message>
         <source>Resume All</source>
-        <translation type="unfinished"></translation>
+        <translation>Pokračovat ve všech relacích</translation>
     </message>
     <message>
         <source>You do not have permission to delete files in this folder. The deleted files will be downloaded again.</source>
-        <translation type="unfinished"></translation>
+        <translation>Nemáte oprávnění odstraňovat soubory v této složce. Odstraněné soubory budou znovu staženy.</translation>
     </message>
     <message>
         <source>Visit Website</source>
-        <translation type="unfinished"></translation>
+        <translation>Navštívit webové stránky</translation>
     </message>
     <message>
         <source>Choose what the Setup Wizard should do with the installed program.</source>
-        <translation type="unfinished"></translation>
+        <translation>Zvolte, co má průvodce instalací s nainstalovaným programem udělat.</translation>
     </message>
     <message>
         <source>Download files only when they are opened</source>
-        <translation type="unfinished"></translation>
+        <translation>Stahovat soubory až při jejich otevření</translation>
     </message>
     <message>
         <source>Restart Quillon to apply the new settings. Syncing continues where it stopped.</source>
-        <translation type="unfinished"></translation>
+        <translation>Chcete-li použít nová nastavení, restartujte aplikaci Quillon. Synchronizace bude pokračovat tam, kde skončila.</translation>
     </message>
     <message>
         <source>Skip files larger than %1 MB</source>
-        <translation type="unfinished"></translation>
+        <translation>Přeskakovat soubory větší než %1 MB</translation>
     </message>
     <message>
         <source>Version %1 (build %2)</source>
-        <translation type="unfinished"></translation>
+        <translation>Verze %1 (sestavení %2)</translation>
     </message>
     <message>
         <source>%1 remaining</source>
-        <translation type="unfinished"></translation>
+        <translation>Zbývá %1</translation>
     </message>
     <message>
         <source>Pause syncing during these hours</source>
-        <translation type="unfinished"></translation>
+        <translation>Pozastavit synchronizaci v těchto hodinách</translation>
     </message>
     <message>
         <source>This account has been disabled on the server. Please contact your administrator to have it enabled again.</source>
-        <translation type="unfinished"></translation>
+        <translation>Tento účet byl na serveru zakázán. Obraťte se na správce a požádejte o jeho opětovné povolení.</translation>
     </message>
     <message>
         <source>Sync symbolic links</source>
-        <translation type="unfinished"></translation>
+        <translation>Synchronizovat symbolické odkazy</translation>
     </message>
     <message>
         <source>Link</source>
-        <translation type="unfinished"></translation>
+        <translation>Odkaz</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Not Enough Disk Space</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}Nedostatek místa na disku</translation>
     </message>
     <message>
         <source>Also remove my settings, sync session information and logs</source>
-        <translation type="unfinished"></translation>
+        <translation>Odebrat také moje nastavení, informace o synchronizačních relacích a protokoly</translation>
     </message>
     <message>
         <source>Source folders</source>
-        <translation type="unfinished"></translation>
+        <translation>Zdrojové složky</translation>
     </message>
     <message>
         <source>The server runs Quillon Server %1, but this client requires version %2 or later. Please ask your administrator to update the server.</source>
-        <translation type="unfinished"></translation>
+        <translation>Na serveru běží Quillon Server %1, ale tento klient vyžaduje verzi %2 nebo novější. Požádejte správce o aktualizaci serveru.</translation>
     </message>
     <message>
         <source>New Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>Nová složka</translation>
     </message>
     <message>
         <source>Made a mistake? Right-click a file and restore an earlier version from the file history.</source>
-        <translation type="unfinished"></translation>
+        <translation>Udělali jste chybu? Klikněte pravým tlačítkem myši na soubor a obnovte předchozí verzi z historie souboru.</translation>
     </message>
     <message>
         <source>Log level</source>
-        <translation type="unfinished"></translation>
+        <translation>Úroveň protokolování</translation>
     </message>
     <message>
         <source>Remove Session</source>
-        <translation type="unfinished"></translation>
+        <translation>Odebrat relaci</translation>
     </message>
     <message>
         <source>Saving...</source>
-        <translation type="unfinished"></translation>
+        <translation>Ukládání...</translation>
     </message>
     <message>
         <source>Server name</source>
-        <translation type="unfinished"></translation>
+        <translation>Název serveru</translation>
     </message>
     <message>
         <source>Monday</source>
-        <translation type="unfinished"></translation>
+        <translation>Pondělí</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Change Destination Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}Změna cílové složky</translation>
     </message>
     <message>
         <source>Connected over the local network</source>
-        <translation type="unfinished"></translation>
+        <translation>Připojeno přes místní síť</translation>
     </message>
     <message>
         <source>Unlink</source>
-        <translation type="unfinished"></translation>
+        <translation>Zrušit propojení</translation>
     </message>
     <message>
         <source>Resume syncing</source>
-        <translation type="unfinished"></translation>
+        <translation>Pokračovat v synchronizaci</translation>
     </message>
     <message>
         <source>If you exit Quillon, changes to your files will no longer be synced until you start it again. Do you want to exit?</source>
-        <translation type="unfinished"></translation>
+        <translation>Pokud aplikaci Quillon ukončíte, změny vašich souborů se přestanou synchronizovat, dokud ji znovu nespustíte. Chcete aplikaci ukončit?</translation>
     </message>
     <message>
         <source>Session name</source>
-        <translation type="unfinished"></translation>
+        <translation>Název relace</translation>
     </message>
     <message>
         <source>Conflict detected</source>
-        <translation type="unfinished"></translation>
+        <translation>Byl zjištěn konflikt</translation>
     </message>
     <message>
         <source>Encrypted shared folders must be mounted on the server before they can be synced. Ask your administrator to mount the folder.</source>
-        <translation type="unfinished"></translation>
+        <translation>Šifrované sdílené složky musí být před synchronizací připojeny na serveru. Požádejte správce o připojení složky.</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Ready to Update</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}Připraveno k aktualizaci</translation>
     </message>
     <message>
         <source>Number of visits</source>
-        <translation type="unfinished"></translation>
+        <translation>Počet návštěv</translation>
     </message>
     <message>
         <source>An update is ready. Restart Quillon to install it.</source>
-        <translation type="unfinished"></translation>
+        <translation>Aktualizace je připravena. Nainstalujete ji restartováním aplikace Quillon.</translation>
     </message>
     <message>
         <source>Error</source>
-        <translation type="unfinished"></translation>
+        <translation>Chyba</translation>
     </message>
     <message>
         <source>You have read-only access to this folder. Changes made on this computer will not be uploaded and will be replaced by the server version.</source>
-        <translation type="unfinished"></translation>
+        <translation>K této složce máte přístup jen pro čtení. Změny provedené v tomto počítači se nenahrají a budou nahrazeny verzí ze serveru.</translation>
     </message>
     <message>
         <source>The source folder of this backup plan cannot be found. Check that the drive that holds it is connected.</source>
-        <translation type="unfinished"></translation>
+        <translation>Zdrojovou složku tohoto plánu zálohování nelze najít. Zkontrolujte, zda je připojena jednotka, na které se nachází.</translation>
     </message>
     <message>
         <source>The proxy server requires a password</source>
-        <translation type="unfinished"></translation>
+        <translation>Proxy server vyžaduje heslo</translation>
     </message>
     <message>
         <source>Modified by %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Autor změny: %1</translation>
     </message>
     <message>
         <source>Go back</source>
-        <translation type="unfinished"></translation>
+        <translation>Přejít zpět</translation>
     </message>
     <message>
         <source>%1 local changes waiting to upload</source>
-        <translation type="unfinished"></translation>
+        <translation>Místní změny čekající na nahrání: %1</translation>
     </message>
     <message>
         <source>Setup was canceled before it finished. Nothing on your computer has been changed. Run the Setup Wizard again whenever you want to install the program.</source>
-        <translation type="unfinished"></translation>
+        <translation>Instalace byla zrušena před dokončením. V počítači nebylo nic změněno. Chcete-li program nainstalovat, můžete průvodce instalací kdykoli spustit znovu.</translation>
     </message>
     <message>
         <source>Local path</source>
-        <translation type="unfinished"></translation>
+        <translation>Místní cesta</translation>
     </message>
     <message>
         <source>Need all of your bandwidth for a while? Pause syncing at any time from the tray menu.</source>
-        <translation type="unfinished"></translation>
+        <translation>Potřebujete na chvíli celou šířku pásma? Synchronizaci můžete kdykoli pozastavit z nabídky v oznamovací oblasti.</translation>
     </message>
     <message>
         <source>Required</source>
-        <translation type="unfinished"></translation>
+        <translation>Požadováno</translation>
     </message>
     <message>
         <source>Advanced</source>
-        <translation type="unfinished"></translation>
+        <translation>Pokročilé</translation>
     </message>
     <message>
         <source>Time</source>
-        <translation type="unfinished"></translation>
+        <translation>Čas</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Repair or Remove Installation</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}Oprava nebo odebrání instalace</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Bigger}Setup Could Not Finish</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Bigger}Instalaci nelze dokončit</translation>
     </message>
     <message>
         <source>No limit</source>
-        <translation type="unfinished"></translation>
+        <translation>Bez omezení</translation>
     </message>
     <message>
         <source>Quillon – %1 items could not be synced</source>
-        <translation type="unfinished"></translation>
+        <translation>Quillon – počet nesynchronizovaných položek: %1</translation>
     </message>
     <message>
         <source>Quillon Setup</source>
-        <translation type="unfinished"></translation>
+        <translation>Instalace aplikace Quillon</translation>
     </message>
     <message>
         <source>Some files were skipped because of their name, size or type. See the details for more information.</source>
-        <translation type="unfinished"></translation>
+        <translation>Některé soubory byly přeskočeny kvůli svému názvu, velikosti nebo typu. Další informace najdete v podrobnostech.</translation>
     </message>
     <message>
         <source>Edit Sync Session</source>
-        <translation type="unfinished"></translation>
+        <translation>Upravit synchronizační relaci</translation>
     </message>
     <message>
         <source>You do not have permission to share this item. Ask its owner to share it or to give you permission.</source>
-        <translation type="unfinished"></translation>
+        <translation>Nemáte oprávnění tuto položku sdílet. Požádejte jejího vlastníka, aby ji sdílel nebo vám udělil oprávnění.</translation>
     </message>
     <message>
         <source>Tuesday</source>
-        <translation type="unfinished"></translation>
+        <translation>Úterý</translation>
     </message>
     <message>
         <source>Moved</source>
-        <translation type="unfinished"></translation>
+        <translation>Přesunuto</translation>
     </message>
     <message>
         <source>Got it!</source>
-        <translation type="unfinished"></translation>
+        <translation>Rozumím!</translation>
     </message>
     <message>
         <source>Connected to %1 as %2</source>
-        <translation type="unfinished"></translation>
+        <translation>Připojeno k serveru %1 jako %2</translation>
     </message>
     <message>
         <source>Quillon uses the proxy settings of your system unless you enter other settings here. The proxy is used for every connection except those to addresses on your local network.</source>
-        <translation type="unfinished"></translation>
+        <translation>Aplikace Quillon používá nastavení proxy serveru vašeho systému, pokud zde nezadáte jiné nastavení. Proxy server se používá pro všechna připojení kromě připojení k adresám v místní síti.</translation>
     </message>
     <message>
         <source>Keeps the files on your computers in sync with your Quillon server</source>
-        <translation type="unfinished"></translation>
+        <translation>Synchronizuje soubory ve vašich počítačích se serverem Quillon</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Bigger}Welcome to [ProductName] Setup</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Bigger}Vítá vás průvodce instalací aplikace [ProductName]</translation>
     </message>
     <message>
         <source>Update available</source>
-        <translation type="unfinished"></translation>
+        <translation>Je k dispozici aktualizace</translation>
     </message>
     <message>
         <source>Show QR Code</source>
-        <translation type="unfinished"></translation>
+        <translation>Zobrazit QR kód</translation>
     </message>
     <message>
         <source>Compare Versions</source>
-        <translation type="unfinished"></translation>
+        <translation>Porovnat verze</translation>
     </message>
     <message>
         <source>Can upload</source>
-        <translation type="unfinished"></translation>
+        <translation>Může nahrávat</translation>
     </message>
     <message>
         <source>Restore %1 to the version of %2? The current version will be kept in the file history.</source>
-        <translation type="unfinished"></translation>
+        <translation>Obnovit soubor %1 na verzi z %2? Aktuální verze zůstane zachována v historii souboru.</translation>
     </message>
     <message>
         <source>Modified by</source>
-        <translation type="unfinished"></translation>
+        <translation>Autor změny</translation>
     </message>
     <message>
         <source>This server does not support file syncing. Ask your administrator to install the Quillon Server package on it.</source>
-        <translation type="unfinished"></translation>
+        <translation>Tento server nepodporuje synchronizaci souborů. Požádejte správce, aby na něj nainstaloval balíček Quillon Server.</translation>
     </message>
     <message>
         <source>Open Log Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>Otevřít složku s protokoly</translation>
     </message>
     <message>
         <source>The connection is encrypted.</source>
-        <translation type="unfinished"></translation>
+        <translation>Připojení je šifrované.</translation>
     </message>
     <message>
         <source>Mark all as read</source>
-        <translation type="unfinished"></translation>
+        <translation>Označit vše jako přečtené</translation>
     </message>
     <message>
         <source>View Conflicts</source>
-        <translation type="unfinished"></translation>
+        <translation>Zobrazit konflikty</translation>
     </message>
     <message>
         <source>Confirm</source>
-        <translation type="unfinished"></translation>
+        <translation>Potvrzení</translation>
     </message>
     <message>
         <source>Servers found on your local network</source>
-        <translation type="unfinished"></translation>
+        <translation>Servery nalezené v místní síti</translation>
     </message>
     <message>
         <source>The port must be a number between 1 and 65535.</source>
-        <translation type="unfinished"></translation>
+        <translation>Port musí být číslo od 1 do 65535.</translation>
     </message>
     <message>
         <source>No recently synced files.</source>
-        <translation type="unfinished"></translation>
+        <translation>Žádné nedávno synchronizované soubory.</translation>
     </message>
     <message>
         <source>Sync Conflicts</source>
-        <translation type="unfinished"></translation>
+        <translation>Konflikty synchronizace</translation>
     </message>
     <message>
         <source>Two-step verification is required for this account. Enter the code shown by your authenticator app.</source>
-        <translation type="unfinished"></translation>
+        <translation>Tento účet vyžaduje dvoustupňové ověření. Zadejte kód zobrazený v ověřovací aplikaci.</translation>
     </message>
     <message>
         <source>Include folder %1 in sync</source>
-        <translation type="unfinished"></translation>
+        <translation>Zahrnout složku %1 do synchronizace</translation>
     </message>
     <message>
         <source>Some files that setup has to replace are being used.</source>
-        <translation type="unfinished"></translation>
+        <translation>Některé soubory, které musí instalace nahradit, se právě používají.</translation>
     </message>
     <message>
         <source>Update Now</source>
-        <translation type="unfinished"></translation>
+        <translation>Aktualizovat nyní</translation>
     </message>
     <message>
         <source>Sync Sessions</source>
-        <translation type="unfinished"></translation>
+        <translation>Synchronizační relace</translation>
     </message>
     <message>
         <source>Put files into your sync folder and they appear on your server and on every other computer connected to it.</source>
-        <translation type="unfinished"></translation>
+        <translation>Vložte soubory do synchronizované složky a zobrazí se na serveru i na všech ostatních počítačích, které jsou k němu připojené.</translation>
     </message>
     <message>
         <source>Updating...</source>
-        <translation type="unfinished"></translation>
+        <translation>Probíhá aktualizace...</translation>
     </message>
     <message>
         <source>Download Update</source>
-        <translation type="unfinished"></translation>
+        <translation>Stáhnout aktualizaci</translation>
     </message>
     <message>
         <source>List of sync sessions</source>
-        <translation type="unfinished"></translation>
+        <translation>Seznam synchronizačních relací</translation>
     </message>
     <message>
         <source>Preparing...</source>
-        <translation type="unfinished"></translation>
+        <translation>Příprava...</translation>
     </message>
     <message>
         <source>Only the selected folders are synced to this computer. Folders you clear are removed from this computer but stay on the server, where you can still open them from the web portal.</source>
-        <translation type="unfinished"></translation>
+        <translation>Do tohoto počítače se synchronizují pouze vybrané složky. Složky, u kterých zrušíte výběr, budou z tohoto počítače odebrány, ale zůstanou na serveru, kde je můžete stále otevřít z webového portálu.</translation>
     </message>
     <message>
         <source>The applications listed below are using files that this setup has to replace. Close them and click Retry to continue, or click Ignore to replace the files after a restart.</source>
-        <translation type="unfinished"></translation>
+        <translation>Níže uvedené aplikace používají soubory, které musí tato instalace nahradit. Zavřete je a pokračujte kliknutím na tlačítko Opakovat, nebo klikněte na tlačítko Ignorovat a soubory budou nahrazeny po restartování.</translation>
     </message>
     <message>
         <source>The server is in maintenance mode. Syncing resumes automatically when the maintenance is over.</source>
-        <translation type="unfinished"></translation>
+        <translation>Server je v režimu údržby. Po skončení údržby bude synchronizace automaticky pokračovat.</translation>
     </message>
     <message>
         <source>Modified on %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Změněno %1</translation>
     </message>
     <message>
         <source>%1 of %2 used</source>
-        <translation type="unfinished"></translation>
+        <translation>Využito %1 z %2</translation>
     </message>
     <message>
         <source>All files in this session are up to date.</source>
-        <translation type="unfinished"></translation>
+        <translation>Všechny soubory v této relaci jsou aktuální.</translation>
     </message>
     <message>
         <source>Back up files</source>
-        <translation type="unfinished"></translation>
+        <translation>Zálohovat soubory</translation>
     </message>
     <message>
         <source>%1 was changed on this computer and on the server. Choose which version to keep or keep both of them.</source>
-        <translation type="unfinished"></translation>
+        <translation>Soubor %1 byl změněn v tomto počítači i na serveru. Zvolte, kterou verzi chcete ponechat, nebo ponechte obě.</translation>
     </message>
     <message>
         <source>Network</source>
-        <translation type="unfinished"></translation>
+        <translation>Síť</translation>
     </message>
     <message>
         <source>Recent Files</source>
-        <translation type="unfinished"></translation>
+        <translation>Nedávné soubory</translation>
     </message>
     <message>
         <source>File name</source>
-        <translation type="unfinished"></translation>
+        <translation>Název souboru</translation>
     </message>
     <message>
         <source>A folder named %1 already exists.</source>
-        <translation type="unfinished"></translation>
+        <translation>Složka s názvem %1 již existuje.</translation>
     </message>
     <message>
         <source>Connections</source>
-        <translation type="unfinished"></translation>
+        <translation>Připojení</translation>
     </message>
     <message>
         <source>Selective Sync...</source>
-        <translation type="unfinished"></translation>
+        <translation>Selektivní synchronizace...</translation>
     </message>
     <message>
         <source>Status</source>
-        <translation type="unfinished"></translation>
+        <translation>Stav</translation>
     </message>
     <message>
         <source>Uploading</source>
-        <translation type="unfinished"></translation>
+        <translation>Nahrávání</translation>
     </message>
     <message>
         <source>Sign-in failed. The username or password is incorrect. Passwords are case-sensitive, so check that Caps Lock is off.</source>
-        <translation type="unfinished"></translation>
+        <translation>Přihlášení se nezdařilo. Uživatelské jméno nebo heslo je nesprávné. V heslech se rozlišují velká a malá písmena, zkontrolujte proto, zda není zapnutá klávesa Caps Lock.</translation>
     </message>
     <message>
         <source>Resume</source>
-        <translation type="unfinished"></translation>
+        <translation>Pokračovat</translation>
     </message>
     <message>
         <source>Replaces missing or damaged program files and shortcuts with the files of this installation package.</source>
-        <translation type="unfinished"></translation>
+        <translation>Nahradí chybějící nebo poškozené soubory programu a zástupce soubory z tohoto instalačního balíčku.</translation>
     </message>
     <message>
         <source>The server is busy. Quillon will try again in a few minutes.</source>
-        <translation type="unfinished"></translation>
+        <translation>Server je zaneprázdněn. Aplikace Quillon to zkusí znovu za několik minut.</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}Ready to Remove</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}Připraveno k odebrání</translation>
     </message>
     <message>
         <source>Please enter a password.</source>
-        <translation type="unfinished"></translation>
+        <translation>Zadejte heslo.</translation>
     </message>
     <message>
         <source>Use the default folder</source>
-        <translation type="unfinished"></translation>
+        <translation>Použít výchozí složku</translation>
     </message>
     <message>
         <source>Some files could not be synced</source>
-        <translation type="unfinished"></translation>
+        <translation>Některé soubory nelze synchronizovat</translation>
     </message>
     <message>
         <source>Search files</source>
-        <translation type="unfinished"></translation>
+        <translation>Hledat soubory</translation>
     </message>
     <message>
         <source>Delete Version</source>
-        <translation type="unfinished"></translation>
+        <translation>Odstranit verzi</translation>
     </message>
     <message>
         <source>Create Connection</source>
-        <translation type="unfinished"></translation>
+        <translation>Vytvořit připojení</translation>
     </message>
     <message>
         <source>Latest version</source>
-        <translation type="unfinished"></translation>
+        <translation>Nejnovější verze</translation>
     </message>
     <message>
         <source>Setup will guide you through the installation of Quillon. Please exit Quillon and close other programs that may use its files before you continue, so that setup can replace them without a restart.</source>
-        <translation type="unfinished"></translation>
+        <translation>Instalační program vás provede instalací aplikace Quillon. Než budete pokračovat, ukončete aplikaci Quillon a zavřete další programy, které mohou používat její soubory, aby je instalace mohla nahradit bez restartování.</translation>
     </message>
     <message>
         <source>Restore</source>
-        <translation type="unfinished"></translation>
+        <translation>Obnovit</translation>
     </message>
     <message>
         <source>%1 files were added to %2.</source>
-        <translation type="unfinished"></translation>
+        <translation>Počet souborů přidaných do složky %2: %1.</translation>
     </message>
     <message>
         <source>Owner</source>
-        <translation type="unfinished"></translation>
+        <translation>Vlastník</translation>
     </message>
     <message>
         <source>Location</source>
-        <translation type="unfinished"></translation>
+        <translation>Umístění</translation>
     </message>
     <message>
         <source>Downloaded</source>
-        <translation type="unfinished"></translation>
+        <translation>Staženo</translation>
     </message>
     <message>
         <source>Searching for servers on your local network...</source>
-        <translation type="unfinished"></translation>
+        <translation>Vyhledávání serverů v místní síti...</translation>
     </message>
     <message>
         <source>Syncing %1 files</source>
-        <translation type="unfinished"></translation>
+        <translation>Synchronizace souborů: %1</translation>
     </message>
     <message>
         <source>Speed limit</source>
-        <translation type="unfinished"></translation>
+        <translation>Omezení rychlosti</translation>
     </message>
     <message>
         <source>Keep the local version</source>
-        <translation type="unfinished"></translation>
+        <translation>Ponechat místní verzi</translation>
     </message>
     <message>
         <source>%1 could not be deleted because it is in use or you do not have permission to delete it.</source>
-        <translation type="unfinished"></translation>
+        <translation>Položku %1 nelze odstranit, protože se používá nebo nemáte oprávnění ji odstranit.</translation>
     </message>
     <message>
         <source>Ready to Sync</source>
-        <translation type="unfinished"></translation>
+        <translation>Připraveno k synchronizaci</translation>
     </message>
     <message>
         <source>Ignore</source>
-        <translation type="unfinished"></translation>
+        <translation>Ignorovat</translation>
     </message>
     <message>
         <source>Close the applications automatically and start them again afterwards</source>
-        <translation type="unfinished"></translation>
+        <translation>Automaticky zavřít aplikace a poté je znovu spustit</translation>
     </message>
     <message>
         <source>Checking for updates...</source>
-        <translation type="unfinished"></translation>
+        <translation>Vyhledávání aktualizací...</translation>
     </message>
     <message>
         <source>Quillon is now syncing your files. You can follow the progress from the tray icon and change your settings at any time.</source>
-        <translation type="unfinished"></translation>
+        <translation>Aplikace Quillon nyní synchronizuje vaše soubory. Průběh můžete sledovat pomocí ikony v oznamovací oblasti a nastavení můžete kdykoli změnit.</translation>
     </message>
     <message>
         <source>Logs help the support team find the cause of a problem. They contain file names and error messages, but never the contents of your files or your password.</source>
-        <translation type="unfinished"></translation>
+        <translation>Protokoly pomáhají týmu podpory najít příčinu problému. Obsahují názvy souborů a chybové zprávy, nikdy však obsah vašich souborů ani vaše heslo.</translation>
     </message>
     <message>
         <source>Sign In Again</source>
-        <translation type="unfinished"></translation>
+        <translation>Znovu se přihlásit</translation>
     </message>
     <message>
         <source>Network tab</source>
-        <translation type="unfinished"></translation>
+        <translation>Karta Síť</translation>
     </message>
     <message>
         <source>Backup Plans</source>
-        <translation type="unfinished"></translation>
+        <translation>Plány zálohování</translation>
     </message>
     <message>
         <source>File Filter</source>
-        <translation type="unfinished"></translation>
+        <translation>Filtr souborů</translation>
     </message>
     <message>
         <source>%1 items could not be synced. Click here to see the details.</source>
-        <translation type="unfinished"></translation>
+        <translation>Počet položek, které nelze synchronizovat: %1. Kliknutím sem zobrazíte podrobnosti.</translation>
     </message>
     <message>
         <source>The folder path is not valid. Please choose a folder on a local drive that you have permission to write to.</source>
-        <translation type="unfinished"></translation>
+        <translation>Cesta ke složce není platná. Vyberte složku na místní jednotce, do které máte oprávnění zapisovat.</translation>
     </message>
     <message>
         <source>Use * to match any characters and ? to match a single character, for example *.tmp or ~$*</source>
-        <translation type="unfinished"></translation>
+        <translation>Znak * nahrazuje libovolné znaky a znak ? jeden znak, například *.tmp nebo ~$*</translation>
     </message>
     <message>
         <source>Protect the link with a password</source>
-        <translation type="unfinished"></translation>
+        <translation>Chránit odkaz heslem</translation>
     </message>
     <message>
         <source>The connection timed out because the server took too long to respond. Quillon will try again shortly.</source>
-        <translation type="unfinished"></translation>
+        <translation>Vypršel časový limit připojení, protože server příliš dlouho neodpovídal. Aplikace Quillon to za chvíli zkusí znovu.</translation>
     </message>
     <message>
         <source>Pause All</source>
-        <translation type="unfinished"></translation>
+        <translation>Pozastavit všechny relace</translation>
     </message>
     <message>
         <source>Update</source>
-        <translation type="unfinished"></translation>
+        <translation>Aktualizovat</translation>
     </message>
     <message>
         <source>Debug</source>
-        <translation type="unfinished"></translation>
+        <translation>Ladění</translation>
     </message>
     <message>
         <source>A conflict occurs when a file is changed on this computer and on the server before the two sides are synced. Quillon never overwrites one change with the other without your consent.</source>
-        <translation type="unfinished"></translation>
+        <translation>Konflikt nastane, když se soubor změní v tomto počítači i na serveru dříve, než se obě strany synchronizují. Aplikace Quillon nikdy bez vašeho souhlasu nepřepíše jednu změnu druhou.</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Title}End-User License Agreement</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Title}Licenční smlouva s koncovým uživatelem</translation>
     </message>
     <message>
         <source>Could not check for updates. Quillon will try again later.</source>
-        <translation type="unfinished"></translation>
+        <translation>Nelze vyhledat aktualizace. Aplikace Quillon to zkusí znovu později.</translation>
     </message>
     <message>
         <source>Apply to all conflicts</source>
-        <translation type="unfinished"></translation>
+        <translation>Použít pro všechny konflikty</translation>
     </message>
     <message>
         <source>Connected</source>
-        <translation type="unfinished"></translation>
+        <translation>Připojeno</translation>
     </message>
     <message>
         <source>February</source>
-        <translation type="unfinished"></translation>
+        <translation>Únor</translation>
     </message>
     <message>
         <source>Back up folders such as Documents and Pictures to your server on a schedule, and restore them whenever you need to.</source>
-        <translation type="unfinished"></translation>
+        <translation>Zálohujte složky, jako jsou Dokumenty a Obrázky, na server podle časového plánu a obnovte je, kdykoli potřebujete.</translation>
     </message>
     <message>
         <source>Black-and-white tray icon</source>
-        <translation type="unfinished"></translation>
+        <translation>Černobílá ikona v oznamovací oblasti</translation>
     </message>
     <message>
         <source>September</source>
-        <translation type="unfinished"></translation>
+        <translation>Září</translation>
     </message>
     <message>
         <source>Click Install to start the installation. Click Back to review or change your choices, or Cancel to exit the wizard.</source>
-        <translation type="unfinished"></translation>
+        <translation>Kliknutím na tlačítko Nainstalovat zahájíte instalaci. Chcete-li zkontrolovat nebo změnit své volby, klikněte na tlačítko Zpět. Průvodce ukončíte kliknutím na tlačítko Storno.</translation>
     </message>
     <message>
         <source>Rename</source>
-        <translation type="unfinished"></translation>
+        <translation>Přejmenovat</translation>
     </message>
     <message>
         <source>The local database is damaged. Quillon will rebuild it and compare all files with the server again. This can take a while.</source>
-        <translation type="unfinished"></translation>
+        <translation>Místní databáze je poškozená. Aplikace Quillon ji znovu sestaví a opět porovná všechny soubory se serverem. Může to chvíli trvat.</translation>
     </message>
     <message>
         <source>Keep Server Version</source>
-        <translation type="unfinished"></translation>
+        <translation>Ponechat verzi ze serveru</translation>
     </message>
     <message>
         <source>{\WixUI_Font_Bigger}Setup Was Canceled</source>
-        <translation type="unfinished"></translation>
+        <translation>{\WixUI_Font_Bigger}Instalace byla zrušena</translation>
     </message>
     <message>
         <source>A backup plan copies the selected folders to the server on a schedule. Deleting a file on this computer does not delete its backup, and earlier versions can be restored at any time.</source>
-        <translation type="unfinished"></translation>
+        <translation>Plán zálohování kopíruje vybrané složky na server podle časového plánu. Odstraněním souboru v tomto počítači se neodstraní jeho záloha a předchozí verze lze kdykoli obnovit.</translation>
     </message>
     <message>
         <source>Queued</source>
-        <translation type="unfinished"></translation>
+        <translation>Ve frontě</translation>
     </message>
     <message>
         <source>October</source>
-        <translation type="unfinished"></translation>
+        <translation>Říjen</translation>
     </message>
     <message>
         <source>Install and Restart</source>
-        <translation type="unfinished"></translation>
+        <translation>Nainstalovat a restartovat</translation>
     </message>
     <message>
         <source>Allow visitors to download the shared files</source>
-        <translation type="unfinished"></translation>
+        <translation>Povolit návštěvníkům stahovat sdílené soubory</translation>
     </message>
     <message>
         <source>Disk Size</source>
-        <translation type="unfinished"></translation>
+        <translation>Velikost na disku</translation>
     </message>
     <message>
         <source>April</source>
-        <translation type="unfinished"></translation>
+        <translation>Duben</translation>
     </message>
     <message>
         <source>Uploaded</source>
-        <translation type="unfinished"></translation>
+        <translation>Nahráno</translation>
     </message>
     <message>
         <source>About %1 of free space is needed on this computer.</source>
-        <translation type="unfinished"></translation>
+        <translation>V tomto počítači je potřeba přibližně %1 volného místa.</translation>
     </message>
     <message>
         <source>Do you want to unlink this computer from the server? All sync sessions of this connection will be removed. Your files are not deleted.</source>
-        <translation type="unfinished"></translation>
+        <translation>Chcete zrušit propojení tohoto počítače se serverem? Všechny synchronizační relace tohoto připojení budou odebrány. Vaše soubory nebudou odstraněny.</translation>
     </message>
     <message>
         <source>Every hour</source>
-        <translation type="unfinished"></translation>
+        <translation>Každou hodinu</translation>
     </message>
     <message>
         <source>Change...</source>
-        <translation type="unfinished"></translation>
+        <translation>Změnit...</translation>
     </message>
     <message>
         <source>Scanning local files for changes...</source>
-        <translation type="unfinished"></translation>
+        <translation>Vyhledávání změn v místních souborech...</translation>
     </message>
     <message>
         <source>The server cannot be reached. Check that it is switched on and connected to the network. Quillon keeps trying to reconnect.</source>
-        <translation type="unfinished"></translation>
+        <translation>Server je nedostupný. Zkontrolujte, zda je zapnutý a připojený k síti. Aplikace Quillon se bude dál pokoušet o opětovné připojení.</translation>
     </message>
     <message>
         <source>Privacy Policy</source>
-        <translation type="unfinished"></translation>
+        <translation>Zásady ochrany osobních údajů</translation>
     </message>
     <message>
         <source>This version of Quillon is no longer supported by the server. Please install the latest version to continue syncing.</source>
-        <translation type="unfinished"></translation>
+        <translation>Tato verze aplikace Quillon již není serverem podporována. Chcete-li pokračovat v synchronizaci, nainstalujte nejnovější verzi.</translation>
     </message>
     <message>
         <source>Next tip</source>
-        <translation type="unfinished"></translation>
+        <translation>Další tip</translation>
     </message>
     <message>
         <source>The sync session has been created. Quillon starts syncing right away.</source>
-        <translation type="unfinished"></translation>
+        <translation>Synchronizační relace byla vytvořena. Aplikace Quillon ihned zahájí synchronizaci.</translation>
     </message>
     <message>
         <source>Type</source>
-        <translation type="unfinished"></translation>
+        <translation>Typ</translation>
     </message>
     <message>
         <source>Leave the applications open and restart the computer later</source>
-        <translation type="unfinished"></translation>
+        <translation>Ponechat aplikace otevřené a restartovat počítač později</translation>
     </message>
     <message>
         <source>Session Details</source>
-        <translation type="unfinished"></translation>
+        <translation>Podrobnosti relace</translation>
     </message>
     <message>
         <source>Do you want to remove this sync session? Syncing stops, but the files on this computer and on the server are kept.</source>
-        <translation type="unfinished"></translation>
+        <translation>Chcete odebrat tuto synchronizační relaci? Synchronizace se zastaví, ale soubory v tomto počítači i na serveru zůstanou zachovány.</translation>
     </message>
     <message>
         <source>Keep Local Version</source>
-        <translation type="unfinished"></translation>
+        <translation>Ponechat místní verzi</translation>
     </message>
     <message>
         <source>Sync Settings</source>
-        <translation type="unfinished"></translation>
+        <translation>Nastavení synchronizace</translation>
     </message>
     <message>
         <source>Sharing is disabled for this account. Contact your administrator if you need to share files.</source>
-        <translation type="unfinished"></translation>
+        <translation>Sdílení je pro tento účet zakázáno. Pokud potřebujete sdílet soubory, obraťte se na správce.</translation>
     </message>
     <message>
         <source>This program requires Windows 7 Service Pack 1 or later. Setup will now exit.</source>
-        <translation type="unfinished"></translation>
+        <translation>Tento program vyžaduje systém Windows 7 s aktualizací Service Pack 1 nebo novější. Instalace bude nyní ukončena.</translation>
     </message>
     <message>
         <source>Remove Rule</source>
-        <translation type="unfinished"></translation>
+        <translation>Odebrat pravidlo</translation>
     </message>
     <message>
         <source>Get Support</source>
-        <translation type="unfinished"></translation>
+        <translation>Získat podporu</translation>
     </message>
     <message>
         <source>Server</source>
-        <translation type="unfinished"></translation>
+        <translation>Server</translation>
     </message>
     <message>
         <source>Sync status</source>
-        <translation type="unfinished"></translation>
+        <translation>Stav synchronizace</translation>
     </message>
     <message>
         <source>Stop Sharing</source>
-        <translation type="unfinished"></translation>
+        <translation>Ukončit sdílení</translation>
     </message>
     <message>
         <source>November</source>
-        <translation type="unfinished"></translation>
+        <translation>Listopad</translation>
     </message>
     <message>
         <source>Language</source>
-        <translation type="unfinished"></translation>
+        <translation>Jazyk</translation>
     </message>
     <message>
         <source>A sync conflict occurred for %1. Both versions have been kept.</source>
-        <translation type="unfinished"></translation>
+        <translation>U souboru %1 došlo ke konfliktu synchronizace. Obě verze byly zachovány.</translation>
     </message>
     <message>
         <source>Install [ProductName] in this folder:</source>
-        <translation type="unfinished"></translation>
+        <translation>Nainstalovat aplikaci [ProductName] do této složky:</translation>
     </message>
     <message>
         <source>Setup stopped because of an error. Nothing on your computer has been changed. Run the Setup Wizard again later to install the program.</source>
-        <translation type="unfinished"></translation>
+        <translation>Instalace byla kvůli chybě zastavena. V počítači nebylo nic změněno. Chcete-li program nainstalovat, spusťte průvodce instalací později znovu.</translation>
     </message>
     <message>
         <source>Server name, IP address or relay ID, for example files.example.com</source>
-        <translation type="unfinished"></translation>
+        <translation>Název serveru, IP adresa nebo ID přenosové služby, například files.example.com</translation>
     </message>
     <message>
         <source>Waiting</source>
-        <translation type="unfinished"></translation>
+        <translation>Čekání</translation>
     </message>
     <message>
         <source>Never expires</source>
-        <translation type="unfinished"></translation>
+        <translation>Bez omezení platnosti</translation>
     </message>
     <message>
         <source>A newer version of [ProductName] is already installed on this computer. Setup will now exit.</source>
-        <translation type="unfinished"></translation>
+        <translation>V tomto počítači je již nainstalována novější verze aplikace [ProductName]. Instalace bude nyní ukončena.</translation>
     </message>
     <message>
         <source>Created on %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Vytvořeno %1</translation>
     </message>
     <message>
         <source>Wednesday</source>
-        <translation type="unfinished"></translation>
+        <translation>Středa</translation>
     </message>
     <message>
         <source>Downloading</source>
-        <translation type="unfinished"></translation>
+        <translation>Stahování</translation>
     </message>
     <message>
         <source>When a conflict occurs</source>
-        <translation type="unfinished"></translation>
+        <translation>Při výskytu konfliktu</translation>
     </message>
     <message>
         <source>Add Connection...</source>
-        <translation type="unfinished"></translation>
+        <translation>Přidat připojení...</translation>
     </message>
     <message>
         <source>Downloading update... %1%</source>
-        <translation type="unfinished"></translation>
+        <translation>Stahování aktualizace... %1 %</translation>
     </message>
     <message>
         <source>Automatic Setup</source>
-        <translation type="unfinished"></translation>
+        <translation>Automatické nastavení</translation>
     </message>
     <message>
         <source>The Setup Wizard will update the installed copy of [ProductName] on your computer. Your sync sessions and settings are kept. Click Next to continue or Cancel to exit the wizard.</source>
-        <translation type="unfinished"></translation>
+        <translation>Průvodce instalací aktualizuje nainstalovanou kopii aplikace [ProductName] v tomto počítači. Vaše synchronizační relace a nastavení zůstanou zachovány. Pokračujte kliknutím na tlačítko Další, nebo průvodce ukončete kliknutím na tlačítko Storno.</translation>
     </message>
     <message>
         <source>The logs have been saved to your desktop as a compressed archive.</source>
-        <translation type="unfinished"></translation>
+        <translation>Protokoly byly uloženy na plochu jako komprimovaný archiv.</translation>
     </message>
     <message>
         <source>Pause syncing</source>
-        <translation type="unfinished"></translation>
+        <translation>Pozastavit synchronizaci</translation>
     </message>
     <message>
         <source>Do not use the proxy for local addresses</source>
-        <translation type="unfinished"></translation>
+        <translation>Nepoužívat proxy server pro místní adresy</translation>
     </message>
     <message>
         <source>Remove</source>
-        <translation type="unfinished"></translation>
+        <translation>Odebrat</translation>
     </message>
     <message>
         <source>Create a desktop shortcut</source>
-        <translation type="unfinished"></translation>
+        <translation>Vytvořit zástupce na ploše</translation>
     </message>
     <message>
         <source>You are offline. Changes are kept on this computer and synced when the connection is back.</source>
-        <translation type="unfinished"></translation>
+        <translation>Nejste připojeni k síti. Změny zůstanou uloženy v tomto počítači a po obnovení připojení budou synchronizovány.</translation>
     </message>
     <message>
         <source>A new version of Quillon is available. Click here to update.</source>
-        <translation type="unfinished"></translation>
+        <translation>Je k dispozici nová verze aplikace Quillon. Kliknutím sem provedete aktualizaci.</translation>
     </message>
     <message>
         <source>Downloading %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Stahování souboru %1</translation>
     </message>
     <message>
         <source>%1 files were deleted from %2. Do you want to delete them on the other side too? Choose Restore if you did not delete them on purpose, and the files will be downloaded again.</source>
-        <translation type="unfinished"></translation>
+        <translation>Ze složky %2 byly odstraněny soubory (počet: %1). Chcete je odstranit i na druhé straně? Pokud jste je neodstranili úmyslně, zvolte Obnovit a soubory budou znovu staženy.</translation>
     </message>
     <message>
         <source>Enter the address manually</source>
-        <translation type="unfinished"></translation>
+        <translation>Zadat adresu ručně</translation>
     </message>
     <message>
         <source>Download only</source>
-        <translation type="unfinished"></translation>
+        <translation>Pouze stahovat</translation>
     </message>
     <message>
         <source>A sharing link has been created and copied to the clipboard.</source>
-        <translation type="unfinished"></translation>
+        <translation>Odkaz pro sdílení byl vytvořen a zkopírován do schránky.</translation>
     </message>
     <message>
         <source>The program has been installed. Click Finish to close the Setup Wizard.</source>
-        <translation type="unfinished"></translation>
+        <translation>Program byl nainstalován. Kliknutím na tlačítko Dokončit zavřete průvodce instalací.</translation>
     </message>
     <message>
         <source>Exclude from Sync</source>
-        <translation type="unfinished"></translation>
+        <translation>Vyloučit ze synchronizace</translation>
     </message>
     <message>
         <source>No servers were found on your local network.</source>
-        <translation type="unfinished"></translation>
+        <translation>V místní síti nebyly nalezeny žádné servery.</translation>
     </message>
     <message>
         <source>%1 MB</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 MB</translation>
     </message>
     <message>
         <source>The Setup Wizard is repairing the program. This may take several minutes.</source>
-        <translation type="unfinished"></translation>
+        <translation>Průvodce instalací opravuje program. Může to trvat několik minut.</translation>
     </message>
     <message>
         <source>Print</source>
-        <translation type="unfinished"></translation>
+        <translation>Vytisknout</translation>
     </message>
     <message>
         <source>Less than %1 of free space is left on this computer. Syncing will pause when the disk is full.</source>
-        <translation type="unfinished"></translation>
+        <translation>V tomto počítači zbývá méně než %1 volného místa. Když se disk zaplní, synchronizace se pozastaví.</translation>
     </message>
     <message>
         <source>Details</source>
-        <translation type="unfinished"></translation>
+        <translation>Podrobnosti</translation>
     </message>
     <message>
         <source>Every week</source>
-        <translation type="unfinished"></translation>
+        <translation>Každý týden</translation>
     </message>
     <message>
         <source>The connection to %1 was lost. Quillon keeps trying to reconnect.</source>
-        <translation type="unfinished"></translation>
+        <translation>Připojení k serveru %1 bylo ztraceno. Aplikace Quillon se bude dál pokoušet o opětovné připojení.</translation>
     </message>
     <message>
         <source>Welcome to the Quillon Installer</source>
-        <translation type="unfinished"></translation>
+        <translation>Vítá vás instalační program aplikace Quillon</translation>
     </message>
     <message>
         <source>The changes made to [ProductName] take effect after your computer restarts. Click Yes to restart now or No to restart later.</source>
-        <translation type="unfinished"></translation>
+        <translation>Změny aplikace [ProductName] se projeví po restartování počítače. Kliknutím na tlačítko Ano počítač restartujete nyní, kliknutím na tlačítko Ne později.</translation>
     </message>
     <message>
         <source>Quick Start Guide</source>
-        <translation type="unfinished"></translation>
+        <translation>Stručná úvodní příručka</translation>
     </message>
     <message>
         <source>Icons on your files show whether they are synced, are being synced or have a problem that needs your attention.</source>
-        <translation type="unfinished"></translation>
+        <translation>Ikony u souborů ukazují, zda jsou soubory synchronizované, právě se synchronizují, nebo mají problém, který vyžaduje vaši pozornost.</translation>
     </message>
     <message>
         <source>Choose which server folders are kept on this computer with Selective Sync, and save space on a small disk.</source>
-        <translation type="unfinished"></translation>
+        <translation>Pomocí selektivní synchronizace zvolte, které složky ze serveru se mají uchovávat v tomto počítači, a ušetřete tak místo na malém disku.</translation>
     </message>
     <message>
         <source>Changes on either side are copied to the other side, including deletions.</source>
-        <translation type="unfinished"></translation>
+        <translation>Změny na kterékoli straně se zkopírují na druhou stranu, včetně odstranění.</translation>
     </message>
     <message>
         <source>Copyright © 2024 Tessaril. All rights reserved.</source>
-        <translation type="unfinished"></translation>
+        <translation>Copyright © 2024 Tessaril. Všechna práva vyhrazena.</translation>
     </message>
     <message>
         <source>Account picture</source>
-        <translation type="unfinished"></translation>
+        <translation>Obrázek účtu</translation>
     </message>
     <message>
         <source>Loading...</source>
-        <translation type="unfinished"></translation>
+        <translation>Načítání...</translation>
     </message>
     <message>
         <source>Read only</source>
-        <translation type="unfinished"></translation>
+        <translation>Jen pro čtení</translation>
     </message>
 </context>
 </TS>
