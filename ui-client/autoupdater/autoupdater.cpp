@@ -3,6 +3,7 @@
 #include "dpiinfo.h"
 #include "log/log.h"
 #include "texts/strtab.h"
+#include "update-info.h"
 
 #include <QAction>
 #include <QCoreApplication>
@@ -17,6 +18,7 @@
 #include <QPushButton>
 #include <QThread>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -46,6 +48,34 @@ const char *const PROGRESS_DIALOG_STYLE = "QProgressDialog { \n"
                                           "  color: #505A64; \n"
                                           "  font-size: 12px \n"
                                           "}";
+
+// The temporary folder is usually shared by every user and the save names are
+// predictable, so a file found there is trusted only if this user made it and
+// no one else could have changed it since: a regular file (not a link), owned
+// by us, not writable by group or others.
+bool isOwnPrivateFile(const QString &path) {
+    struct stat st;
+    if (lstat(QFile::encodeName(path).constData(), &st) != 0)
+        return false;
+    return S_ISREG(st.st_mode) && st.st_uid == getuid() && (st.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
+bool pathExists(const QString &path) {
+    struct stat st;
+    return lstat(QFile::encodeName(path).constData(), &st) == 0;
+}
+
+// Whether an earlier run's complete download can be used instead of a new one.
+bool isReusable(const QString &path, const QString &checksum) {
+    if (!pathExists(path))
+        return false;
+    if (!isOwnPrivateFile(path)) {
+        QLOG_WARNING(LOG_COMPONENT, "File '%s' is not a private file of this user, do not use it.",
+                     qUtf8Printable(path));
+        return false;
+    }
+    return UpdateDownloader::isChecksumMatched(path, checksum);
+}
 
 } // namespace
 
@@ -121,6 +151,17 @@ void AutoUpdater::queryServerDone(QJsonObject resp) {
         emit error(UpdateQuerier::AppError, QStringLiteral("No updater information in response."));
         return;
     }
+    // Names become files in the temporary folder and URLs are fetched: refuse
+    // an answer that would write elsewhere or open anything but a web resource,
+    // before any file is made or any request sent.
+    const QString problem = UpdateInfo::findProblem(update_info);
+    if (!problem.isEmpty()) {
+        QLOG_ERROR(LOG_COMPONENT, "Updater server provide unsafe response. (reason: %s)",
+                   qUtf8Printable(problem));
+        emit error(UpdateQuerier::AppError,
+                   QStringLiteral("Unsafe update information in response."));
+        return;
+    }
 
     tray_icon->setToolTip(StrTable::LoadStr(STR_DOWNLOADING) + QStringLiteral("..."));
     tray_icon->show();
@@ -138,7 +179,7 @@ void AutoUpdater::downloadUpdater() {
     const QString save_path = getTempFilePath(updater.value(QLatin1String("name")).toString());
     QLOG_INFO(LOG_COMPONENT, "Start download updater.");
 
-    if (QFile::exists(save_path) && UpdateDownloader::isChecksumMatched(save_path, checksum)) {
+    if (isReusable(save_path, checksum)) {
         QLOG_INFO(LOG_COMPONENT, "Updater file exists, use local file.");
         downloadUpdaterDone();
         return;
@@ -172,7 +213,7 @@ void AutoUpdater::downloadUpdatePack() {
     const QString save_path = getTempFilePath(pack.value(QLatin1String("name")).toString());
     QLOG_INFO(LOG_COMPONENT, "Start download update pack.");
 
-    if (QFile::exists(save_path) && UpdateDownloader::isChecksumMatched(save_path, checksum)) {
+    if (isReusable(save_path, checksum)) {
         QLOG_INFO(LOG_COMPONENT, "Update pack file exists, use local file.");
         downloadUpdatePackDone();
         return;

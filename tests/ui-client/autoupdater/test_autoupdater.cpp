@@ -26,6 +26,7 @@
 #include <QtTest>
 
 #include <functional>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -50,15 +51,15 @@ quint16 closedPort() {
     return probe.serverPort(); // closed again when probe goes
 }
 
-// The hand-off target: records its working directory and each argument on a
-// line of its own, then marks that it is done.
+// The hand-off target: records its working directory and each argument,
+// every one ended by a NUL so that any byte an argument holds survives, then
+// marks that it is done.
 QByteArray recorderScript(const QString &record) {
     return QByteArrayLiteral("#!/bin/sh\n"
                              "out='") +
            QFile::encodeName(record) +
            QByteArrayLiteral("'\n"
-                             "pwd > \"$out.tmp\"\n"
-                             "for a in \"$@\"; do printf '%s\\n' \"$a\" >> \"$out.tmp\"; done\n"
+                             "printf '%s\\0' \"$(pwd)\" \"$@\" > \"$out.tmp\"\n"
                              "mv \"$out.tmp\" \"$out\"\n");
 }
 
@@ -83,7 +84,11 @@ private slots:
     void updaterAndPackAreHandedOver();
     void handOffArguments_data();
     void handOffArguments();
+    void unsafeAnswersAreRefused_data();
+    void unsafeAnswersAreRefused();
     void matchingFilesAreReused();
+    void untrustedFilesAreNotReused_data();
+    void untrustedFilesAreNotReused();
     void staleFileIsReplaced();
     void progressDialogShowsThePackOnly();
     void noDialogWithoutTheOption();
@@ -148,9 +153,15 @@ void TestAutoUpdater::cleanup() {
             qWarning("the started updater wrote no record");
     delete server;
     server = nullptr;
-    const QStringList leftovers = QDir(temp.path()).entryList(QDir::Files);
-    for (const QString &name : leftovers)
-        QFile::remove(temp.path() + QLatin1Char('/') + name);
+    const QStringList leftovers =
+        QDir(temp.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::System);
+    for (const QString &name : leftovers) {
+        const QString path = temp.path() + QLatin1Char('/') + name;
+        if (QFileInfo(path).isDir() && !QFileInfo(path).isSymLink())
+            QDir(path).removeRecursively();
+        else
+            QFile::remove(path);
+    }
 }
 
 void TestAutoUpdater::configure(AutoUpdater &updater) {
@@ -202,9 +213,11 @@ QStringList TestAutoUpdater::handOff() {
     // The updater is started detached; wait until it has written its record.
     if (!QTest::qWaitFor([this] { return QFile::exists(record); }, 10000))
         return QStringList(QStringLiteral("<no hand-off>"));
-    QStringList lines = QString::fromUtf8(readFile(record)).split(QLatin1Char('\n'));
-    lines.removeLast(); // after the final line feed
-    return lines;
+    const QByteArray raw = readFile(record);
+    // Sized on purpose: the QByteArray overload would stop at the first NUL.
+    QStringList fields = QString::fromUtf8(raw.constData(), raw.size()).split(QChar(0));
+    fields.removeLast(); // after the final NUL
+    return fields;
 }
 
 QProgressDialog *TestAutoUpdater::progressDialog() {
@@ -432,6 +445,15 @@ void TestAutoUpdater::handOffArguments_data() {
         << true
         << QStringList(
                {QStringLiteral("a b"), QStringLiteral("$(touch x); 'q'"), QStringLiteral("*")});
+    QTest::newRow("quotes and line breaks arrive byte for byte")
+        << QJsonObject{{QStringLiteral("updater_args"),
+                        QJsonArray{QStringLiteral("it's \"quoted\"\nline two"),
+                                   QStringLiteral("`id` $HOME \\ ;|&<>"), QStringLiteral(""),
+                                   QStringLiteral(" lead and trail ")}}}
+        << false
+        << QStringList({QStringLiteral("it's \"quoted\"\nline two"),
+                        QStringLiteral("`id` $HOME \\ ;|&<>"), QString(),
+                        QStringLiteral(" lead and trail ")});
     QTest::newRow("args inside the updater object are ignored")
         << QJsonObject{{QStringLiteral("updater"),
                         QJsonObject{{QStringLiteral("updater_args"),
@@ -469,6 +491,84 @@ void TestAutoUpdater::handOffArguments() {
     QCOMPARE(handOff(), expected);
 }
 
+void TestAutoUpdater::unsafeAnswersAreRefused_data() {
+    QTest::addColumn<QString>("file");  // "updater" or "update_pack"
+    QTest::addColumn<QString>("field"); // "name" or "url"
+    QTest::addColumn<QString>("value");
+    QTest::addColumn<QString>("reason");
+
+    QTest::newRow("updater name climbs out") << "updater"
+                                             << "name"
+                                             << "../../.bashrc"
+                                             << "updater name contains '/'";
+    QTest::newRow("updater name absolute") << "updater"
+                                           << "name"
+                                           << "/usr/bin/x"
+                                           << "updater name contains '/'";
+    QTest::newRow("updater name empty") << "updater"
+                                        << "name"
+                                        << ""
+                                        << "updater name is empty";
+    QTest::newRow("updater name dot dot") << "updater"
+                                          << "name"
+                                          << ".."
+                                          << "updater name is '..'";
+    QTest::newRow("pack name with newline") << "update_pack"
+                                            << "name"
+                                            << "pack\n.bin"
+                                            << "update pack name contains a control";
+    QTest::newRow("pack name too long")
+        << "update_pack"
+        << "name" << QString(256, QLatin1Char('p')) << "update pack name is longer than 255 bytes";
+    QTest::newRow("pack name same as updater") << "update_pack"
+                                               << "name"
+                                               << "updater.sh"
+                                               << "updater and update pack have the same name";
+    QTest::newRow("updater from a file url") << "updater"
+                                             << "url"
+                                             << "file:///bin/sh"
+                                             << "updater url is not an http or https URL";
+    QTest::newRow("pack from a resource") << "update_pack"
+                                          << "url"
+                                          << "qrc:/enu.qm"
+                                          << "update pack url is not an http";
+    QTest::newRow("pack over ftp") << "update_pack"
+                                   << "url"
+                                   << "ftp://127.0.0.1/p"
+                                   << "update pack url is not an http";
+    QTest::newRow("pack as data") << "update_pack"
+                                  << "url"
+                                  << "data:,hello"
+                                  << "update pack url is not an http";
+}
+
+void TestAutoUpdater::unsafeAnswersAreRefused() {
+    QFETCH(QString, file);
+    QFETCH(QString, field);
+    QFETCH(QString, value);
+    QFETCH(QString, reason);
+    LogCapture log;
+    QJsonObject object = answer(true);
+    QJsonObject entry = object.value(file).toObject();
+    entry[field] = value;
+    object[file] = entry;
+    serveAnswer(object);
+
+    AutoUpdater updater;
+    configure(updater);
+    QCOMPARE(run(updater), 4);
+    // Refused before any download request and before any file was made.
+    QCOMPARE(server->requestCount(), 2);
+    QVERIFY(QDir(temp.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot).isEmpty());
+    const QStringList errors = log.messages(QStringLiteral("ERROR"));
+    QCOMPARE(errors.size(), 2);
+    QVERIFY2(errors.first().startsWith(
+                 QStringLiteral("Updater server provide unsafe response. (reason: ") + reason),
+             qPrintable(errors.first()));
+    QCOMPARE(errors.last(), QStringLiteral("Fail to run auto update. (error code: 4, reason: "
+                                           "Unsafe update information in response.)"));
+}
+
 void TestAutoUpdater::matchingFilesAreReused() {
     LogCapture log;
     serveAnswer(answer(true));
@@ -483,6 +583,68 @@ void TestAutoUpdater::matchingFilesAreReused() {
     QVERIFY(info.contains(QStringLiteral("Updater file exists, use local file.")));
     QVERIFY(info.contains(QStringLiteral("Update pack file exists, use local file.")));
     QCOMPARE(handOff().size(), 7);
+}
+
+void TestAutoUpdater::untrustedFilesAreNotReused_data() {
+    QTest::addColumn<QString>("plant");
+    QTest::addColumn<int>("status");
+
+    // Each of these holds exactly the pack's bytes, yet none was made by this
+    // user alone, so none is used: a matching digest proves nothing when
+    // someone else can change the file after it was checked.
+    QTest::newRow("link to a matching file") << "symlink" << 0;
+    QTest::newRow("group-writable file") << "group-writable" << 0;
+    QTest::newRow("world-writable file") << "world-writable" << 0;
+    QTest::newRow("file of another user") << "foreign" << 0;
+    // A folder cannot be replaced by a file: the run fails instead.
+    QTest::newRow("folder") << "folder" << 6;
+}
+
+void TestAutoUpdater::untrustedFilesAreNotReused() {
+    QFETCH(QString, plant);
+    QFETCH(int, status);
+    LogCapture log;
+    serveAnswer(answer(true));
+    const QString target = savePath(QStringLiteral("pack.bin"));
+    const QString elsewhere = temp.path() + QStringLiteral("/elsewhere.bin");
+    if (plant == QLatin1String("symlink")) {
+        QVERIFY(writeFile(elsewhere, pack));
+        QVERIFY(QFile::link(elsewhere, target));
+    } else if (plant == QLatin1String("folder")) {
+        QVERIFY(QDir().mkpath(target + QStringLiteral("/inside")));
+    } else {
+        QVERIFY(writeFile(target, pack));
+        if (plant == QLatin1String("group-writable"))
+            QVERIFY(::chmod(QFile::encodeName(target).constData(), 0664) == 0);
+        else if (plant == QLatin1String("world-writable"))
+            QVERIFY(::chmod(QFile::encodeName(target).constData(), 0646) == 0);
+        else if (::geteuid() != 0)
+            QSKIP("giving a file to another user needs root");
+        else
+            QVERIFY(::chown(QFile::encodeName(target).constData(), 4242, 4242) == 0);
+    }
+
+    AutoUpdater updater;
+    configure(updater);
+    QCOMPARE(run(updater), status);
+    QVERIFY(log.messages(QStringLiteral("WARNING"))
+                .contains(QStringLiteral("File '%1' is not a private file of this user, do not "
+                                         "use it.")
+                              .arg(target)));
+    QVERIFY(!log.messages(QStringLiteral("INFO"))
+                 .contains(QStringLiteral("Update pack file exists, use local file.")));
+    // The pack was fetched again.
+    QCOMPARE(server->requests().last().path, QStringLiteral("/pack.bin"));
+    if (status == 0) {
+        QFileInfo replaced(target);
+        QVERIFY(replaced.isFile() && !replaced.isSymLink());
+        QCOMPARE(replaced.ownerId(), uint(::getuid()));
+        QCOMPARE(readFile(target), pack);
+        if (plant == QLatin1String("symlink"))
+            QCOMPARE(readFile(elsewhere), pack); // the link's target was not written through
+    } else {
+        QVERIFY(QFileInfo(target).isDir());
+    }
 }
 
 void TestAutoUpdater::staleFileIsReplaced() {
