@@ -9,6 +9,7 @@ packages=(
     libsqlite3-dev sqlite3 libicu-dev
     clang libclang-rt-14-dev
     xvfb xauth x11-utils trayer xdotool imagemagick librsvg2-bin
+    fonts-dejavu-core fonts-droid-fallback  # Latin and CJK glyphs for the tray texts
     nginx-light tinyproxy curl procps psmisc python3
 )
 
