@@ -201,6 +201,21 @@ class Desktop:
         self.display = None
         self.xvfb = None
         self.trayer = None
+        self.session = {}
+
+    @classmethod
+    def existing(cls, workdir, tray_probe, display):
+        """The user's own desktop, used as it is: stop() leaves it alone.
+        Programs get what they need to reach its X server and session bus."""
+        desktop = cls(workdir, tray_probe, tray=False)
+        desktop.display = display
+        desktop.session = {k: os.environ[k] for k in
+                           ("XAUTHORITY", "DBUS_SESSION_BUS_ADDRESS", "XDG_CURRENT_DESKTOP",
+                            "XDG_SESSION_TYPE") if k in os.environ}
+        root = desktop.x("xwininfo", "-root").stdout
+        desktop.size = (int(re.search(r"Width: (\d+)", root).group(1)),
+                        int(re.search(r"Height: (\d+)", root).group(1)))
+        return desktop
 
     def start(self):
         read_fd, write_fd = os.pipe()
@@ -248,6 +263,7 @@ class Desktop:
     def env(self):
         env = {"PATH": os.environ.get("PATH", "/usr/bin:/bin"), "DISPLAY": self.display,
                "HOME": str(self.workdir)}
+        env.update(self.session)
         return env
 
     def tray_available(self):
@@ -618,13 +634,21 @@ class Installation:
     The log template is raised to debug level (7) unless told otherwise, so
     that the log shows every step of a run."""
 
-    def __init__(self, prefix, workdir, log_level=7):
+    def __init__(self, prefix, workdir, log_level=7, app=None):
+        """Copies the installed prefix to <workdir>/root/app, or, given app,
+        uses that installation where it is."""
         self.workdir = Path(workdir)
-        self.root = self.workdir / "root"
-        self.app = self.root / "app"
-        shutil.copytree(prefix, self.app, symlinks=True)
-        (self.root / "log").mkdir()
-        (self.root / "data" / "db").mkdir(parents=True)
+        self.workdir.mkdir(parents=True, exist_ok=True)
+        if app is None:
+            self.root = self.workdir / "root"
+            self.app = self.root / "app"
+            shutil.copytree(prefix, self.app, symlinks=True)
+        else:
+            self.app = Path(app).resolve()
+            self.root = self.app.parent
+        # The program creates neither: the client installs them.
+        (self.root / "log").mkdir(exist_ok=True)
+        (self.root / "data" / "db").mkdir(parents=True, exist_ok=True)
         self.home = self.workdir / "home"
         self.config_home = self.home / ".config"
         self.config_home.mkdir(parents=True)
@@ -677,19 +701,20 @@ class Installation:
 
     def environment(self, desktop, lang="en_US.UTF-8"):
         """What a user's session would hand the program, and nothing of ours:
-        no proxy variables, no Qt settings, no session bus (a bus would route
-        the tray and balloons elsewhere than to the desktop's tray)."""
-        return {
-            "PATH": os.environ.get("PATH", "/usr/bin:/bin"),
+        no proxy variables, no Qt settings. On our own desktops there is no
+        session bus either: a bus would route the tray and balloons elsewhere
+        than to trayer."""
+        env = {"DBUS_SESSION_BUS_ADDRESS": f"unix:path={self.workdir / 'no-session-bus'}"}
+        env.update(desktop.env())
+        env.update({
             "HOME": str(self.home),
             "USER": os.environ.get("USER", "user"),
             "LANG": lang,
-            "DISPLAY": desktop.display,
             "XDG_CONFIG_HOME": str(self.config_home),
             "XDG_RUNTIME_DIR": str(self.runtime_dir),
             "TMPDIR": str(self.temp_dir),
-            "DBUS_SESSION_BUS_ADDRESS": f"unix:path={self.workdir / 'no-session-bus'}",
-        }
+        })
+        return env
 
     def start(self, argv, desktop, lang="en_US.UTF-8", cwd=None):
         self._runs += 1
