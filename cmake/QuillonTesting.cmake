@@ -13,6 +13,14 @@ function(quillon_add_qtest name)
         set(T_TIMEOUT 300)
     endif()
     set(env QT_QPA_PLATFORM=offscreen)
+    if(QUILLON_SANITIZE)
+        # Full stacks so the suppressions can name Qt's leaking platform
+        # plugin; any other leak or undefined behaviour fails the test.
+        list(APPEND env
+             "ASAN_OPTIONS=detect_leaks=1:fast_unwind_on_malloc=0:abort_on_error=1"
+             "LSAN_OPTIONS=suppressions=${PROJECT_SOURCE_DIR}/cmake/lsan-suppressions.txt"
+             "UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1")
+    endif()
     list(APPEND env ${T_ENVIRONMENT})
     set_tests_properties(${name} PROPERTIES TIMEOUT ${T_TIMEOUT} ENVIRONMENT "${env}")
     if(T_LABELS)

@@ -5,7 +5,7 @@
 
 // The environment for the helper programs of these tests. In a sanitizer
 // build the helpers are leak-checked too, minus what Qt's offscreen platform
-// leaks on its own (see offscreen-leaks.supp).
+// leaks on its own (see cmake/lsan-suppressions.txt).
 inline QProcessEnvironment probeEnvironment() {
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
