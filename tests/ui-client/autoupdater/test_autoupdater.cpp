@@ -125,7 +125,7 @@ void TestAutoUpdater::initTestCase() {
     script = recorderScript(QDir::tempPath() + QStringLiteral("/unused"));
     pack = QByteArray(300 * 1024, '\0');
     for (int i = 0; i < pack.size(); ++i)
-        pack[i] = static_cast<char>((i * 7919) >> 3);
+        pack[i] = static_cast<char>((unsigned(i) * 7919u) >> 3);
 }
 
 void TestAutoUpdater::init() {
