@@ -552,11 +552,13 @@ def _tail(path, lines=20):
 UPDATER_SCRIPT = """#!/bin/sh
 # Stands in for the client's real updater: records how it was started, its
 # working directory and then its arguments, one per line, and nothing more.
-# The file appears under its final name only once it is complete.
+# The file appears under its final name only once it is complete. Every start
+# also adds a line to <record>.starts, so that a second start shows.
 record={record}
-pwd -P > "$record.tmp"
-printf '%s\\n' "$@" >> "$record.tmp"
-mv "$record.tmp" "$record"
+echo $$ >> "$record.starts"
+pwd -P > "$record.$$"
+printf '%s\\n' "$@" >> "$record.$$"
+mv "$record.$$" "$record"
 """
 
 
@@ -568,6 +570,11 @@ class UpdaterRecord:
 
     def started(self):
         return self.path.exists()
+
+    def starts(self):
+        """How many times the updater has been started so far."""
+        starts = Path(str(self.path) + ".starts")
+        return len(starts.read_text().split()) if starts.exists() else 0
 
     def wait(self, timeout=20):
         """(working directory, [arguments]) as bytes, exactly as received."""
@@ -624,7 +631,9 @@ def pack_bytes(size, seed=1):
 
 # ---------------------------------------------------------------- the installation
 
-LOG_LINE = re.compile(r"^[A-Z][a-z]{2} [ \d]\d \d\d:\d\d:\d\d \[([A-Z]+)\] ([^(\s]+)\((\d+)\): ?(.*)$")
+# "Nov 22 02:39:33 [INFO] autoupdater.cpp(92): Start auto updater."
+LOG_LINE = re.compile(r"^[A-Z][a-z]{2} [ \d]\d \d\d:\d\d:\d\d "
+                      r"\[([A-Z]+)\] ([^(\s]+)\((\d+)\): ?(.*)$")
 
 
 class Installation:
