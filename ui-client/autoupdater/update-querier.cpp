@@ -15,6 +15,14 @@ namespace {
 const char *const LOG_COMPONENT = "auto_updater";
 // Redirects are counted over the object's life; 33 are followed, the 34th fails.
 const int REDIRECT_LIMIT = 32;
+// How much of the answer the network library may hold before readyRead has
+// taken it; together with the answer limit this bounds the memory a server
+// can make the querier use.
+const qint64 READ_BUFFER_SIZE = 64 * 1024;
+
+bool isScheme(const QUrl &url, const char *scheme) {
+    return url.scheme().compare(QLatin1String(scheme), Qt::CaseInsensitive) == 0;
+}
 } // namespace
 
 UpdateQuerier::UpdateQuerier(QObject *parent)
@@ -32,6 +40,15 @@ UpdateQuerier::UpdateQuerier(QObject *parent)
 
 void UpdateQuerier::setProxy(const QNetworkProxy &proxy) {
     manager->setProxy(proxy);
+}
+
+bool UpdateQuerier::isAllowedRedirect(const QUrl &from, const QUrl &to) {
+    // The network library would happily read a local file or a data: URL,
+    // letting whoever answers the query choose what it returns; and leaving
+    // https for http would hand the rest of the exchange to anyone on the path.
+    if (!isScheme(to, "http") && !isScheme(to, "https"))
+        return false;
+    return !(isScheme(from, "https") && isScheme(to, "http"));
 }
 
 void UpdateQuerier::query() {
@@ -63,6 +80,41 @@ void UpdateQuerier::query() {
     timer->start(getTimeout());
     QNetworkReply *reply = manager->get(QNetworkRequest(url));
     connect(this, &UpdateQuerier::abort_request, reply, &QNetworkReply::abort);
+
+    // The body is taken in as it arrives, so that an answer that will not
+    // fit is cut off before it is all in memory.
+    reply->setReadBufferSize(READ_BUFFER_SIZE);
+    received.insert(reply, QByteArray());
+    connect(reply, &QNetworkReply::metaDataChanged, this,
+            [this, reply]() { checkAnnouncedSize(reply); });
+    connect(reply, &QNetworkReply::readyRead, this, [this, reply]() { receiveBody(reply); });
+}
+
+void UpdateQuerier::checkAnnouncedSize(QNetworkReply *reply) {
+    const QVariant length = reply->header(QNetworkRequest::ContentLengthHeader);
+    if (length.isValid() && length.toLongLong() > MAX_ANSWER_SIZE)
+        refuseAnswer(reply);
+}
+
+void UpdateQuerier::receiveBody(QNetworkReply *reply) {
+    // What arrives after the refusal is left with the reply until the abort.
+    if (too_large.contains(reply))
+        return;
+    QByteArray &body = received[reply];
+    if (body.size() + reply->bytesAvailable() > MAX_ANSWER_SIZE) {
+        refuseAnswer(reply);
+        return;
+    }
+    body += reply->readAll();
+}
+
+void UpdateQuerier::refuseAnswer(QNetworkReply *reply) {
+    too_large.insert(reply);
+    received[reply] = QByteArray();
+    // Called from inside the reply's own signals: aborting there would finish
+    // the reply while the network library is still delivering to it.
+    QMetaObject::invokeMethod(
+        reply, [reply]() { reply->abort(); }, Qt::QueuedConnection);
 }
 
 void UpdateQuerier::abort() {
@@ -74,6 +126,23 @@ void UpdateQuerier::receiveReply(QNetworkReply *reply) {
     // We are inside the reply's own finished() signal: it may only go once
     // control is back in the event loop.
     reply->deleteLater();
+    QByteArray body = received.take(reply);
+    bool oversized = too_large.remove(reply);
+    // The last bytes may still wait in the reply.
+    if (!oversized && reply->error() == QNetworkReply::NoError) {
+        oversized = body.size() + reply->bytesAvailable() > MAX_ANSWER_SIZE;
+        if (!oversized)
+            body += reply->readAll();
+    }
+
+    // Checked before the network error: the abort that cut the answer off
+    // shows up as one, and it is the answer that failed, not the network.
+    if (oversized) {
+        QLOG_ERROR(LOG_COMPONENT, "Response is too large. (limit: %lld bytes)",
+                   static_cast<long long>(MAX_ANSWER_SIZE));
+        emit error(AppError, QStringLiteral("Response is too large."));
+        return;
+    }
 
     if (reply->error() != QNetworkReply::NoError) {
         const int code = reply->error();
@@ -104,6 +173,12 @@ void UpdateQuerier::receiveReply(QNetworkReply *reply) {
         reply->attribute(QNetworkRequest::RedirectionTargetAttribute).toUrl());
     if (!target.isEmpty() && target != QUrl(server_host, QUrl::TolerantMode)) {
         QLOG_INFO(LOG_COMPONENT, "Redirect to %s", qUtf8Printable(target.toString()));
+        if (!isAllowedRedirect(reply->url(), target)) {
+            QLOG_ERROR(LOG_COMPONENT, "Unsafe redirection refused. (%s)",
+                       qUtf8Printable(target.toString()));
+            emit error(AppError, QStringLiteral("Unsafe redirection refused."));
+            return;
+        }
         if (max_redirect > REDIRECT_LIMIT) {
             QLOG_ERROR(LOG_COMPONENT, "Max redirection hit. (%s)",
                        qUtf8Printable(target.toString()));
@@ -118,7 +193,6 @@ void UpdateQuerier::receiveReply(QNetworkReply *reply) {
 
     // The HTTP status of a reply without a network error is deliberately not
     // examined: whatever the body is, it must be a JSON object.
-    const QByteArray body = reply->readAll();
     const QJsonDocument document = QJsonDocument::fromJson(body);
     if (!document.isObject()) {
         QLOG_ERROR(LOG_COMPONENT, "Response is not in Json format. (receive: '%s')",

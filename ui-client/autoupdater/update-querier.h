@@ -1,21 +1,29 @@
 #ifndef QUILLON_AUTOUPDATER_UPDATE_QUERIER_H
 #define QUILLON_AUTOUPDATER_UPDATE_QUERIER_H
 
+#include <QByteArray>
+#include <QHash>
 #include <QJsonObject>
 #include <QList>
 #include <QNetworkProxy>
 #include <QObject>
+#include <QSet>
 #include <QString>
 
 class QNetworkAccessManager;
 class QNetworkReply;
 class QTimer;
+class QUrl;
 
 // Asks the update server whether a newer client exists. One HTTP GET carries
 // the description of the installed client as eight query items; the JSON
 // object that comes back is handed on unexamined. Redirects are followed here
 // rather than by the network library so that the count can be kept over the
 // object's whole life and the final URL reused by later queries.
+//
+// The server is not trusted further than the answer's form: redirects may
+// only lead to http or https and never from https down to http, and an
+// answer larger than MAX_ANSWER_SIZE is cut off rather than held in memory.
 //
 // Results are only ever reported from the event loop, after query() has
 // returned: exactly one finished() or error() per query.
@@ -35,6 +43,9 @@ public:
     Q_ENUM(UpdateQuerierError)
 
     static const int DEFAULT_TIMEOUT = 120000;
+    // The largest answer body accepted, in bytes. Real answers are a few
+    // hundred bytes; anything near this is a broken or hostile server.
+    static constexpr qint64 MAX_ANSWER_SIZE = 1024 * 1024;
 
     explicit UpdateQuerier(QObject *parent = nullptr);
 
@@ -61,6 +72,11 @@ public:
 
     void setProxy(const QNetworkProxy &proxy);
 
+    // Whether a redirect from the URL asked for to the resolved target may be
+    // followed: the target must be http or https, and an https request must
+    // not be sent on over plain http.
+    static bool isAllowedRedirect(const QUrl &from, const QUrl &to);
+
 signals:
     void finished(QJsonObject resp);
     void error(UpdateQuerier::UpdateQuerierError code, QString reason);
@@ -72,6 +88,10 @@ public slots:
     void queryTimeout();
 
 private:
+    void checkAnnouncedSize(QNetworkReply *reply);
+    void receiveBody(QNetworkReply *reply);
+    void refuseAnswer(QNetworkReply *reply);
+
     QNetworkAccessManager *manager;
     QTimer *timer;
     QString server_host;
@@ -85,6 +105,11 @@ private:
     int timeout;
     // Redirects followed so far by this object; never reset.
     int max_redirect;
+    // The body of each reply in flight, read as it arrives so that its size
+    // can be bounded while it is received, not after.
+    QHash<QNetworkReply *, QByteArray> received;
+    // Replies cut off for being too large; their abort is on its way.
+    QSet<QNetworkReply *> too_large;
 };
 
 #endif

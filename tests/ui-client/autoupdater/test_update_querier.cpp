@@ -7,6 +7,7 @@
 #include <QJsonDocument>
 #include <QNetworkProxy>
 #include <QSignalSpy>
+#include <QSslSocket>
 #include <QUrlQuery>
 #include <QtTest>
 
@@ -44,6 +45,22 @@ HttpResponse chainHandler(const FakeHttpServer &server, const HttpRequest &reque
     return HttpResponse::redirect(absolute ? server.url(next).toUtf8() : next.toUtf8());
 }
 
+// A JSON object of exactly `size` bytes.
+QByteArray jsonOfSize(int size) {
+    const QByteArray frame = "{\"pad\":\"\"}";
+    return QByteArray("{\"pad\":\"") + QByteArray(size - frame.size(), 'x') + "\"}";
+}
+
+// body in HTTP/1.1 chunked transfer coding, in pieces of at most `piece` bytes.
+QByteArray chunked(const QByteArray &body, int piece) {
+    QByteArray coded;
+    for (int at = 0; at < body.size(); at += piece) {
+        const QByteArray part = body.mid(at, piece);
+        coded += QByteArray::number(part.size(), 16) + "\r\n" + part + "\r\n";
+    }
+    return coded + "0\r\n\r\n";
+}
+
 } // namespace
 
 class TestUpdateQuerier : public QObject {
@@ -62,6 +79,12 @@ private slots:
     void redirectsCountedOverLifetime();
     void failures_data();
     void failures();
+    void answerSizeIsBounded_data();
+    void answerSizeIsBounded();
+    void unsafeRedirectsAreRefused_data();
+    void unsafeRedirectsAreRefused();
+    void isAllowedRedirect_data();
+    void isAllowedRedirect();
 
 private:
     std::unique_ptr<LogCapture> log;
@@ -421,6 +444,153 @@ void TestUpdateQuerier::failures() {
         QCOMPARE(errors.size(), 1);
     }
     QVERIFY2(errors.last().startsWith(requestFailed), qPrintable(errors.last()));
+}
+
+void TestUpdateQuerier::answerSizeIsBounded_data() {
+    QTest::addColumn<int>("size");            // of the JSON answer
+    QTest::addColumn<QString>("framing");     // "length", "chunked"
+    QTest::addColumn<int>("sentBeforeStall"); // -1: all of it
+    QTest::addColumn<bool>("delivered");
+
+    const int limit = int(UpdateQuerier::MAX_ANSWER_SIZE);
+    QCOMPARE(limit, 1048576);
+    QTest::newRow("1 MiB - 1, length announced") << limit - 1 << "length" << -1 << true;
+    QTest::newRow("1 MiB, length announced") << limit << "length" << -1 << true;
+    QTest::newRow("1 MiB + 1, length announced") << limit + 1 << "length" << -1 << false;
+    // Refused on the header alone: nothing of the body ever comes.
+    QTest::newRow("2 MiB announced, nothing sent") << 2 * limit << "length" << 0 << false;
+    QTest::newRow("1 MiB - 1, chunked") << limit - 1 << "chunked" << -1 << true;
+    QTest::newRow("1 MiB, chunked") << limit << "chunked" << -1 << true;
+    QTest::newRow("1 MiB + 1, chunked") << limit + 1 << "chunked" << -1 << false;
+    // Counted as it arrives: cut off without waiting for an end that the
+    // server never sends.
+    QTest::newRow("chunked without end, past 1 MiB")
+        << 8 * limit << "chunked" << limit + 64 * 1024 << false;
+}
+
+void TestUpdateQuerier::answerSizeIsBounded() {
+    QFETCH(int, size);
+    QFETCH(QString, framing);
+    QFETCH(int, sentBeforeStall);
+    QFETCH(bool, delivered);
+
+    const QByteArray answer = jsonOfSize(size);
+    QCOMPARE(answer.size(), size);
+    QVERIFY(QJsonDocument::fromJson(answer).isObject());
+    HttpResponse response = HttpResponse::json(answer);
+    if (framing == "chunked") {
+        response.body = chunked(answer, 16 * 1024);
+        response.header("Transfer-Encoding", "chunked").withoutContentLength();
+    }
+    if (sentBeforeStall >= 0)
+        response.stallAfter(sentBeforeStall);
+    server->enqueue(response);
+
+    UpdateQuerier querier;
+    querier.setProxy(QNetworkProxy(QNetworkProxy::NoProxy));
+    querier.setServerHost(server->url("/update?v=1"));
+    QSignalSpy finished(&querier, &UpdateQuerier::finished);
+    QSignalSpy failed(&querier, &UpdateQuerier::error);
+    querier.query();
+    QTRY_COMPARE(finished.count() + failed.count(), 1);
+    QCOMPARE(server->requestCount(), 1);
+
+    if (delivered) {
+        QCOMPARE(finished.count(), 1);
+        QCOMPARE(finished.at(0).at(0).toJsonObject().value("pad").toString().size(), size - 10);
+        QVERIFY(log->messages("ERROR").isEmpty());
+        return;
+    }
+    QCOMPARE(codeOf(failed), UpdateQuerier::AppError);
+    QCOMPARE(failed.at(0).at(1).toString(), QStringLiteral("Response is too large."));
+    // Only this line: the abort that cut the answer off is not reported as a
+    // failed request.
+    QCOMPARE(log->messages("ERROR"),
+             QStringList{QStringLiteral("Response is too large. (limit: 1048576 bytes)")});
+}
+
+void TestUpdateQuerier::unsafeRedirectsAreRefused_data() {
+    QTest::addColumn<QString>("location");
+    QTest::addColumn<bool>("refused");
+
+    QTest::newRow("to a local file") << "file:///etc/passwd" << true;
+    // The network library would serve this one itself, as a valid answer.
+    QTest::newRow("to a data: URL") << "data:application/json,%7B%22updater%22%3A%7B%7D%7D" << true;
+    QTest::newRow("to ftp") << "ftp://127.0.0.1/update" << true;
+    QTest::newRow("to a qrc: resource") << "qrc:/update.json" << true;
+    QTest::newRow("to https is followed") << "https://127.0.0.1:<dead>/update?v=1" << false;
+}
+
+void TestUpdateQuerier::unsafeRedirectsAreRefused() {
+    QFETCH(QString, location);
+    QFETCH(bool, refused);
+
+    const quint16 dead = pickFreePort();
+    QVERIFY(dead != 0);
+    location.replace("<dead>", QString::number(dead));
+    server->enqueue(HttpResponse::redirect(location.toUtf8()));
+    UpdateQuerier querier;
+    querier.setProxy(QNetworkProxy(QNetworkProxy::NoProxy));
+    querier.setServerHost(server->url("/update?v=1"));
+    QSignalSpy finished(&querier, &UpdateQuerier::finished);
+    QSignalSpy failed(&querier, &UpdateQuerier::error);
+    querier.query();
+    QTRY_COMPARE(finished.count() + failed.count(), 1);
+    QCOMPARE(finished.count(), 0);
+    QCOMPARE(server->requestCount(), 1);
+
+    const QString target = QUrl(location).toString();
+    QCOMPARE(log->messages("INFO"), QStringList{"Redirect to " + target});
+    const QString refusal = "Unsafe redirection refused. (" + target + ")";
+    if (!refused) {
+        // Followed: what fails is the connection to the dead port (or, without
+        // TLS support, the scheme), not the redirect.
+        QCOMPARE(codeOf(failed), QSslSocket::supportsSsl() ? UpdateQuerier::NetworkError
+                                                           : UpdateQuerier::UnknownError);
+        QVERIFY(!log->messages("ERROR").contains(refusal));
+        QCOMPARE(querier.getServerHost(), target);
+        return;
+    }
+    QCOMPARE(codeOf(failed), UpdateQuerier::AppError);
+    QCOMPARE(failed.at(0).at(1).toString(), QStringLiteral("Unsafe redirection refused."));
+    QCOMPARE(log->messages("ERROR"), QStringList{refusal});
+    // The refused target is not kept for the next query.
+    QCOMPARE(querier.getServerHost(), server->url("/update?v=1"));
+}
+
+void TestUpdateQuerier::isAllowedRedirect_data() {
+    QTest::addColumn<QString>("from");
+    QTest::addColumn<QString>("to");
+    QTest::addColumn<bool>("allowed");
+
+    QTest::newRow("http to http") << "http://a/x"
+                                  << "http://b/y" << true;
+    QTest::newRow("http to https") << "http://a/x"
+                                   << "https://b/y" << true;
+    QTest::newRow("https to https") << "https://a/x"
+                                    << "https://b/y?q=1" << true;
+    QTest::newRow("https to http") << "https://a/x"
+                                   << "http://a/x" << false;
+    QTest::newRow("https to http, scheme in capitals") << "HTTPS://a/x"
+                                                       << "HTTP://a/x" << false;
+    QTest::newRow("http to file") << "http://a/x"
+                                  << "file:///etc/passwd" << false;
+    QTest::newRow("https to data") << "https://a/x"
+                                   << "data:,{}" << false;
+    QTest::newRow("http to ftp") << "http://a/x"
+                                 << "ftp://a/x" << false;
+    QTest::newRow("http to qrc") << "http://a/x"
+                                 << "qrc:/x" << false;
+    QTest::newRow("http to no scheme") << "http://a/x"
+                                       << "/y" << false;
+}
+
+void TestUpdateQuerier::isAllowedRedirect() {
+    QFETCH(QString, from);
+    QFETCH(QString, to);
+    QFETCH(bool, allowed);
+
+    QCOMPARE(UpdateQuerier::isAllowedRedirect(QUrl(from), QUrl(to)), allowed);
 }
 
 QTEST_GUILESS_MAIN(TestUpdateQuerier)
