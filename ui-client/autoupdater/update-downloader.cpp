@@ -7,10 +7,17 @@
 #include <QMetaObject>
 #include <QNetworkReply>
 #include <QNetworkRequest>
+#include <QRegularExpression>
 #include <QTimer>
 #include <QUrl>
 
+#include <cerrno>
+#include <cstring>
 #include <memory>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 const char *const LOG_COMPONENT = "auto_updater";
@@ -24,6 +31,32 @@ const qint64 HASH_CHUNK_SIZE = 1024 * 1024;
 // limit it reads as fast as the peer sends, and a fast server fills memory
 // with data the disk has not taken yet.
 const qint64 READ_BUFFER_SIZE = 1024 * 1024;
+
+bool isScheme(const QUrl &url, const char *scheme) {
+    return url.scheme().compare(QLatin1String(scheme), Qt::CaseInsensitive) == 0;
+}
+
+bool isHttpUrl(const QUrl &url) {
+    return isScheme(url, "http") || isScheme(url, "https");
+}
+
+QString errnoText(int code) {
+    return QString::fromLocal8Bit(std::strerror(code));
+}
+
+// The first byte position of a "Content-Range: bytes first-last/length"
+// header; -1 when the header is missing or malformed.
+qint64 contentRangeStart(const QByteArray &header) {
+    static const QRegularExpression form(
+        QStringLiteral("^\\s*bytes\\s+(\\d+)-(\\d+)/(\\d+|\\*)\\s*$"),
+        QRegularExpression::CaseInsensitiveOption);
+    const QRegularExpressionMatch match = form.match(QString::fromLatin1(header));
+    if (!match.hasMatch())
+        return -1;
+    bool ok = false;
+    const qint64 first = match.captured(1).toLongLong(&ok);
+    return ok ? first : -1;
+}
 } // namespace
 
 const QString UpdateDownloader::TEMP_EXT = QStringLiteral(".download");
@@ -31,7 +64,7 @@ const QString UpdateDownloader::TEMP_EXT = QStringLiteral(".download");
 UpdateDownloader::UpdateDownloader(QObject *parent)
     : QObject(parent), manager(new QNetworkAccessManager(this)), reply(nullptr),
       timer(new QTimer(this)), download_file(nullptr), file_size(0), timeout(DEFAULT_TIMEOUT),
-      max_redirect(0) {
+      max_redirect(0), body_action(BodyAction::Undecided), pending_error(NoError) {
     // Registered by name so the code can travel through queued and
     // signature-named connections, not only through direct ones.
     qRegisterMetaType<UpdateDownloader::UpdateDownloaderError>();
@@ -44,18 +77,82 @@ void UpdateDownloader::setProxy(const QNetworkProxy &proxy) {
     manager->setProxy(proxy);
 }
 
+bool UpdateDownloader::isAllowedRedirect(const QUrl &from, const QUrl &to) {
+    // The network library would as readily copy a local file or a data: URL
+    // into the download, letting whoever answers choose what lands there; and
+    // leaving https for http would hand the file to anyone on the path.
+    if (!isHttpUrl(to))
+        return false;
+    return !(isScheme(from, "https") && isScheme(to, "http"));
+}
+
 void UpdateDownloader::download() {
+    const QUrl url(download_url, QUrl::TolerantMode);
+    // The URL comes from the server's answer: a file:, qrc: or data: URL would
+    // be served by the network library from this machine or from the URL
+    // itself. Nothing is opened or sent for it.
+    if (!isHttpUrl(url)) {
+        QLOG_ERROR(LOG_COMPONENT, "Fail to download file '%s'. (reason: unsupported scheme)",
+                   qUtf8Printable(download_url));
+        // download() is called by the controller, which may end the event loop
+        // in reaction: the failure must arrive once control is back in the loop.
+        QMetaObject::invokeMethod(
+            this,
+            [this]() {
+                emit error(AppError,
+                           QStringLiteral("Download failed since unsupported url scheme"));
+            },
+            Qt::QueuedConnection);
+        return;
+    }
+
     if (!openDownloadFile())
         return;
 
-    QNetworkRequest request(QUrl(download_url, QUrl::TolerantMode));
+    // A process stopped between the last byte and the rename leaves the whole
+    // file behind: asking for the range after its end would only be refused,
+    // and the refusal would throw the file away.
+    if (isResumeDownload() && !expect_checksum.isEmpty() &&
+        isChecksumMatched(save_path + TEMP_EXT, expect_checksum)) {
+        QLOG_INFO(LOG_COMPONENT, "Temp file '%s' already complete, no download needed.",
+                  qUtf8Printable(save_path + TEMP_EXT));
+        download_file->close();
+        const bool moved = moveToSavePath();
+        const qint64 size = file_size;
+        reset();
+        QMetaObject::invokeMethod(
+            this,
+            [this, moved, size]() {
+                if (!moved) {
+                    emit error(SysError, QStringLiteral("Fail to rename temp file"));
+                    return;
+                }
+                emit downloadProgress(size, size);
+                emit finished();
+            },
+            Qt::QueuedConnection);
+        return;
+    }
+
+    QNetworkRequest request(url);
     if (isResumeDownload())
         prepareResumeDownlaodRequest(request);
 
+    body_action = BodyAction::Undecided;
+    pending_error = NoError;
+    pending_reason.clear();
     timer->start(getTimeout());
     reply = manager->get(request);
     reply->setReadBufferSize(READ_BUFFER_SIZE);
 
+    // The status and headers decide what becomes of the body; they arrive
+    // before it, and are looked at again on the first readyRead in case they
+    // did not announce themselves.
+    QNetworkReply *current = reply;
+    connect(reply, &QNetworkReply::metaDataChanged, this, [this, current]() {
+        if (current == reply)
+            examineAnswer();
+    });
     connect(reply, &QNetworkReply::readyRead, this, &UpdateDownloader::readyRead);
     connect(reply, &QNetworkReply::finished, this, &UpdateDownloader::downloadFinished);
     connect(reply, &QNetworkReply::downloadProgress, this,
@@ -68,25 +165,64 @@ void UpdateDownloader::download() {
 }
 
 bool UpdateDownloader::openDownloadFile() {
-    auto *file = new QFile(save_path + TEMP_EXT, this);
-    QString reason;
-    if (!file->exists()) {
-        if (!file->open(QIODevice::WriteOnly)) {
-            QLOG_ERROR(LOG_COMPONENT,
-                       "Fail to open temp file '%s' in write only mode. (reason: %s)",
-                       qUtf8Printable(file->fileName()), qUtf8Printable(file->errorString()));
-            reason = QStringLiteral("fail to open temp file in write only mode");
-        }
-    } else if (!file->open(QIODevice::Append)) {
-        // Whatever its size, an existing temporary file is the start of this
-        // download: it is continued, never truncated.
-        QLOG_ERROR(LOG_COMPONENT, "Fail to open temp file '%s' in append mode. (reason: %s)",
-                   qUtf8Printable(file->fileName()), qUtf8Printable(file->errorString()));
-        reason = QStringLiteral("fail to open temp file in append mode");
+    const QString temp_path = save_path + TEMP_EXT;
+    const QByteArray native = QFile::encodeName(temp_path);
+
+    // The temporary folder is shared with every local user, and the name is
+    // predictable: whatever someone else put there must be neither written
+    // through nor resumed from. The file is opened without following a link
+    // (nor blocking on a FIFO), created only when nothing is there yet, and
+    // kept only when it turns out to be a plain file of our own.
+    const int flags = O_WRONLY | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    struct stat info;
+    const bool exists = ::lstat(native.constData(), &info) == 0;
+    int fd = exists ? ::open(native.constData(), flags)
+                    : ::open(native.constData(), flags | O_CREAT | O_EXCL, S_IRUSR | S_IWUSR);
+    QString problem;
+    if (fd < 0) {
+        problem = errnoText(errno);
+    } else if (::fstat(fd, &info) != 0) {
+        problem = errnoText(errno);
+    } else if (!S_ISREG(info.st_mode)) {
+        problem = QStringLiteral("not a regular file");
+    } else if (info.st_uid != ::geteuid()) {
+        problem =
+            QStringLiteral("owned by uid %1, not by uid %2").arg(info.st_uid).arg(::geteuid());
+    } else if (info.st_nlink != 1) {
+        // A second name for one of our own files, planted to have it appended to.
+        problem = QStringLiteral("file has %1 links").arg(info.st_nlink);
     }
 
-    if (!reason.isEmpty()) {
-        delete file;
+    QFile *file = nullptr;
+    if (problem.isEmpty()) {
+        file = new QFile(temp_path, this);
+        // Unbuffered, so that a write the disk refuses fails at once, in
+        // readyRead, rather than at some later flush. From here on the file
+        // object owns the descriptor and closes it.
+        if (!file->open(fd, QIODevice::WriteOnly | QIODevice::Append | QIODevice::Unbuffered,
+                        QFileDevice::AutoCloseHandle)) {
+            problem = file->errorString();
+            delete file;
+            file = nullptr;
+        }
+    }
+
+    if (!file) {
+        if (fd >= 0)
+            ::close(fd);
+        QString reason;
+        if (exists) {
+            // Whatever its size, an existing temporary file is the start of this
+            // download: it is continued, never truncated.
+            QLOG_ERROR(LOG_COMPONENT, "Fail to open temp file '%s' in append mode. (reason: %s)",
+                       qUtf8Printable(temp_path), qUtf8Printable(problem));
+            reason = QStringLiteral("fail to open temp file in append mode");
+        } else {
+            QLOG_ERROR(LOG_COMPONENT,
+                       "Fail to open temp file '%s' in write only mode. (reason: %s)",
+                       qUtf8Printable(temp_path), qUtf8Printable(problem));
+            reason = QStringLiteral("fail to open temp file in write only mode");
+        }
         // download() is called by the controller, which may end the event loop
         // in reaction: the failure must arrive once control is back in the loop.
         QMetaObject::invokeMethod(
@@ -95,7 +231,7 @@ bool UpdateDownloader::openDownloadFile() {
     }
 
     download_file = file;
-    file_size = download_file->size();
+    file_size = info.st_size;
     return true;
 }
 
@@ -109,18 +245,94 @@ void UpdateDownloader::prepareResumeDownlaodRequest(QNetworkRequest &request) {
     request.setRawHeader("Range", "bytes=" + QByteArray::number(file_size) + "-");
 }
 
+void UpdateDownloader::examineAnswer() {
+    if (body_action != BodyAction::Undecided)
+        return;
+    body_action = BodyAction::Write;
+
+    const QVariant location = reply->attribute(QNetworkRequest::RedirectionTargetAttribute);
+    if (location.isValid()) {
+        // A redirect that will not be followed leaves the temporary file as it
+        // was; downloadFinished reports it.
+        const QUrl request_url(download_url, QUrl::TolerantMode);
+        if (!isAllowedRedirect(request_url, request_url.resolved(location.toUrl())))
+            body_action = BodyAction::Discard;
+        return;
+    }
+
+    const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    if (status == 200 && file_size > 0) {
+        // The server ignored "Range" and sends the whole file: it replaces what
+        // was there rather than being appended to it.
+        QLOG_INFO(LOG_COMPONENT,
+                  "Server ignored the range request, download restarts from byte 0.");
+        if (!download_file->resize(0)) {
+            QLOG_ERROR(LOG_COMPONENT, "Fail to write temp file '%s'. (reason: %s)",
+                       qUtf8Printable(save_path + TEMP_EXT),
+                       qUtf8Printable(download_file->errorString()));
+            failTransfer(SysError, QStringLiteral("fail to write temp file"));
+            return;
+        }
+        file_size = 0;
+    } else if (status == 206) {
+        // Partial content that does not continue exactly where the file ends
+        // would leave a gap or an overlap in it.
+        const QByteArray range = reply->rawHeader("Content-Range");
+        if (contentRangeStart(range) != file_size) {
+            QLOG_ERROR(LOG_COMPONENT,
+                       "Fail to download file. (reason: content range '%s' does not start at "
+                       "byte %lld)",
+                       range.constData(), static_cast<long long>(file_size));
+            failTransfer(HttpError,
+                         QStringLiteral("Download failed since unexpected content range"));
+        }
+    }
+}
+
+void UpdateDownloader::failTransfer(UpdateDownloaderError code, const QString &reason) {
+    pending_error = code;
+    pending_reason = reason;
+    body_action = BodyAction::Discard;
+    // Called from inside the reply's own signals: aborting there would finish
+    // the reply while the network library is still delivering to it.
+    QNetworkReply *current = reply;
+    QMetaObject::invokeMethod(
+        current, [current]() { current->abort(); }, Qt::QueuedConnection);
+}
+
 void UpdateDownloader::readyRead() {
     // Each chunk rearms the timer, so the time-out limits a stall rather than
     // the whole transfer.
     timer->start(getTimeout());
-    // Write failures are not chased here: the digest check over the file as
-    // it lies on disk catches anything that did not reach it.
-    download_file->write(reply->readAll());
+    if (body_action == BodyAction::Undecided)
+        examineAnswer();
+    const QByteArray data = reply->readAll();
+    if (body_action != BodyAction::Write)
+        return;
+
+    const char *next = data.constData();
+    qint64 left = data.size();
+    while (left > 0) {
+        // A short write is retried; the disk reports its reason on the retry.
+        const qint64 written = download_file->write(next, left);
+        if (written <= 0) {
+            // A full disk, say: going on would only produce a file the digest
+            // check throws away, after the whole transfer.
+            QLOG_ERROR(LOG_COMPONENT, "Fail to write temp file '%s'. (reason: %s)",
+                       qUtf8Printable(save_path + TEMP_EXT),
+                       qUtf8Printable(download_file->errorString()));
+            failTransfer(SysError, QStringLiteral("fail to write temp file"));
+            return;
+        }
+        next += written;
+        left -= written;
+    }
 }
 
 void UpdateDownloader::adjustDownloadProgress(qint64 bytes_received, qint64 bytes_total) {
     // Progress covers the whole file, the part resumed from disk included.
-    if (reply && reply->error() == QNetworkReply::NoError)
+    // Bytes thrown away are no progress.
+    if (reply && reply->error() == QNetworkReply::NoError && body_action != BodyAction::Discard)
         emit downloadProgress(file_size + bytes_received, file_size + bytes_total);
 }
 
@@ -135,6 +347,17 @@ void UpdateDownloader::downloadFinished() {
     download_file->close();
 
     const QString temp_path = save_path + TEMP_EXT;
+
+    // Found while the reply arrived and already logged; the abort that ended
+    // the transfer is not the cause. What is on disk cannot be trusted.
+    if (pending_error != NoError) {
+        const UpdateDownloaderError code = pending_error;
+        const QString reason = pending_reason;
+        QFile::remove(temp_path);
+        reset();
+        emit error(code, reason);
+        return;
+    }
 
     if (reply->error() != QNetworkReply::NoError) {
         const int code = reply->error();
@@ -180,6 +403,13 @@ void UpdateDownloader::downloadFinished() {
         request_url.resolved(reply->attribute(QNetworkRequest::RedirectionTargetAttribute).toUrl());
     if (!target.isEmpty() && target != request_url) {
         QLOG_INFO(LOG_COMPONENT, "Redirect to %s", qUtf8Printable(target.toString()));
+        if (!isAllowedRedirect(request_url, target)) {
+            QLOG_ERROR(LOG_COMPONENT, "Unsafe redirection refused. (%s)",
+                       qUtf8Printable(target.toString()));
+            reset();
+            emit error(AppError, QStringLiteral("Unsafe redirection refused."));
+            return;
+        }
         if (max_redirect > REDIRECT_LIMIT) {
             QLOG_ERROR(LOG_COMPONENT, "Max redirection hit. (%s)",
                        qUtf8Printable(target.toString()));
@@ -196,9 +426,8 @@ void UpdateDownloader::downloadFinished() {
         return;
     }
 
-    // The HTTP status of a reply without a network error is not examined: a
-    // server that ignored "Range" and sent the whole file again has had it
-    // appended, and the digest check below is what rejects that.
+    // Beyond the checks made when the answer began, the digest over the file
+    // as it lies on disk is the guard.
     if (!isChecksumMatched(temp_path, expect_checksum)) {
         QFile::remove(temp_path);
         reset();
@@ -207,17 +436,25 @@ void UpdateDownloader::downloadFinished() {
         return;
     }
 
-    QFile::remove(save_path);
-    if (!QFile::rename(temp_path, save_path)) {
-        QFile::remove(temp_path);
-        reset();
-        QLOG_ERROR(LOG_COMPONENT, "Fail to rename temp file to path '%s'.",
-                   qUtf8Printable(save_path));
+    const bool moved = moveToSavePath();
+    reset();
+    if (!moved) {
         emit error(SysError, QStringLiteral("Fail to rename temp file"));
         return;
     }
-    reset();
     emit finished();
+}
+
+bool UpdateDownloader::moveToSavePath() {
+    const QString temp_path = save_path + TEMP_EXT;
+    QFile::remove(save_path);
+    if (!QFile::rename(temp_path, save_path)) {
+        QFile::remove(temp_path);
+        QLOG_ERROR(LOG_COMPONENT, "Fail to rename temp file to path '%s'.",
+                   qUtf8Printable(save_path));
+        return false;
+    }
+    return true;
 }
 
 QT_WARNING_PUSH
@@ -257,6 +494,8 @@ void UpdateDownloader::reset() {
         delete download_file;
         download_file = nullptr;
     }
+    pending_error = NoError;
+    pending_reason.clear();
 }
 
 bool UpdateDownloader::isChecksumMatched(const QString &file_path, const QString &checksum) {

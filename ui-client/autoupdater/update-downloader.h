@@ -10,6 +10,7 @@ class QFile;
 class QNetworkReply;
 class QNetworkRequest;
 class QTimer;
+class QUrl;
 
 // Downloads one file into "<save path>.download", resuming whatever an
 // earlier attempt left there with an open-ended "Range" request, and moves it
@@ -20,6 +21,14 @@ class QTimer;
 // digest mismatches remove it so the next attempt starts from the beginning.
 // Results are only ever reported from the event loop, after download() has
 // returned: exactly one finished() or error() per download.
+//
+// The temporary file usually sits in a folder every local user can write to,
+// and the server is only trusted to deliver the bytes the digest vouches for:
+// the file is never opened through a link or when someone else planted it,
+// only http and https are fetched (redirects never from https down to http),
+// a server that ignores "Range" has its whole answer written from byte 0, an
+// answer for the wrong range is refused before a byte of it is written, and a
+// write the disk refuses ends the transfer at once.
 class UpdateDownloader : public QObject {
     Q_OBJECT
 
@@ -59,6 +68,11 @@ public:
     // case). An empty checksum matches anything, without touching the file.
     static bool isChecksumMatched(const QString &file_path, const QString &checksum);
 
+    // Whether a redirect from the URL asked for to the resolved target may be
+    // followed: the target must be http or https, and an https request must
+    // not be sent on over plain http.
+    static bool isAllowedRedirect(const QUrl &from, const QUrl &to);
+
 signals:
     void finished();
     void error(UpdateDownloader::UpdateDownloaderError code, QString reason);
@@ -87,6 +101,17 @@ private:
     bool isResumeDownload();
     void prepareResumeDownlaodRequest(QNetworkRequest &request);
     void reset();
+    void examineAnswer();
+    void failTransfer(UpdateDownloaderError code, const QString &reason);
+    bool moveToSavePath();
+
+    // What happens to the body of the reply in flight; decided once, from its
+    // status and headers, before the first byte of it is written.
+    enum class BodyAction {
+        Undecided,
+        Write,   // onto the end of the temporary file
+        Discard, // the reply is refused or has already failed
+    };
 
     QNetworkAccessManager *manager;
     QNetworkReply *reply;
@@ -100,6 +125,11 @@ private:
     int timeout;
     // Redirects followed so far by this object; never reset.
     int max_redirect;
+    BodyAction body_action;
+    // A failure found while the reply was still arriving, reported once the
+    // abort it triggers has finished the reply; NoError when there is none.
+    UpdateDownloaderError pending_error;
+    QString pending_reason;
 };
 
 #endif
