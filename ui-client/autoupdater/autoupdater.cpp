@@ -10,6 +10,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFont>
+#include <QGuiApplication>
 #include <QIcon>
 #include <QJsonArray>
 #include <QMenu>
@@ -319,7 +320,14 @@ void AutoUpdater::startUpdate() {
     tray_icon->showMessage(StrTable::LoadStr(STR_APP_NAME),
                            StrTable::LoadStr(STR_TRAY_CLICK_TO_UPDATE),
                            QSystemTrayIcon::Information, TRAY_WAIT_CLICK_TIME);
-    connect(tray_icon, &QSystemTrayIcon::messageClicked, this, &AutoUpdater::runUpdater);
+    // On X11 Qt reports any press on the icon while the balloon shows as a
+    // click on the balloon as well. A right press there asks for the menu and a
+    // middle press means nothing, so neither may count as permission.
+    connect(tray_icon, &QSystemTrayIcon::messageClicked, this, [this] {
+        if (QGuiApplication::mouseButtons() & (Qt::RightButton | Qt::MiddleButton))
+            return;
+        runUpdater();
+    });
     connect(tray_icon, &QSystemTrayIcon::activated, this, &AutoUpdater::clickTray);
 
     QMenu *menu = new QMenu();
