@@ -252,15 +252,22 @@ void UpdateDownloader::examineAnswer() {
 
     const QVariant location = reply->attribute(QNetworkRequest::RedirectionTargetAttribute);
     if (location.isValid()) {
-        // A redirect that will not be followed leaves the temporary file as it
-        // was; downloadFinished reports it.
-        const QUrl request_url(download_url, QUrl::TolerantMode);
-        if (!isAllowedRedirect(request_url, request_url.resolved(location.toUrl())))
-            body_action = BodyAction::Discard;
+        // Servers send a short "moved" page with a redirect. It is not part of
+        // the file: appended, it would sit in front of the real content and
+        // fail the digest check. Whether the redirect is followed is decided
+        // in downloadFinished.
+        body_action = BodyAction::Discard;
         return;
     }
 
     const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    if (status != 0 && (status < 200 || status > 299)) {
+        // An error page (a proxy's 407, a server's 503) is not the file either.
+        // Some of these failures keep the temporary file for a resume, which
+        // would then continue after the page.
+        body_action = BodyAction::Discard;
+        return;
+    }
     if (status == 200 && file_size > 0) {
         // The server ignored "Range" and sends the whole file: it replaces what
         // was there rather than being appended to it.

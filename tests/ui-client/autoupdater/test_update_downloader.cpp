@@ -502,9 +502,9 @@ void TestUpdateDownloader::failureKeepsOrRemovesTemporaryFile() {
     if (kept && fault == "stall") {
         QCOMPARE(readFile(tempPath), content.left(3000));
     } else if (kept) {
-        // Whatever the reply carried is appended unexamined (a proxy's refusal
-        // page, say); the digest check of a later attempt is the guard.
-        QVERIFY(readFile(tempPath).startsWith(content.left(1000)));
+        // A proxy's refusal page is not part of the file: what the next
+        // attempt resumes is exactly what was there.
+        QCOMPARE(readFile(tempPath), content.left(1000));
     }
     QVERIFY(!QFileInfo::exists(savePath));
 
@@ -742,7 +742,12 @@ void TestUpdateDownloader::redirectsCountedOverLifetime() {
         if (left == 0)
             return HttpResponse::file(content);
         const QString next = QStringLiteral("/chain/%1").arg(left - 1);
-        return HttpResponse::redirect(absolute ? s.url(next).toUtf8() : next.toUtf8(), 301);
+        // Real servers send a small page with each redirect; none of it may
+        // end up in the file.
+        HttpResponse moved =
+            HttpResponse::redirect(absolute ? s.url(next).toUtf8() : next.toUtf8(), 301);
+        moved.body = "<html><body>Moved Permanently</body></html>";
+        return moved;
     });
 
     UpdateDownloader downloader;
