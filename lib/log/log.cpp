@@ -25,7 +25,9 @@ bool Logger::log_initialized = false;
 
 static const char *const DEFAULT_COMPONENT = "default_component";
 
-static bool is_standard_stream(FILE *fp) { return fp == stdout || fp == stderr; }
+static bool is_standard_stream(FILE *fp) {
+    return fp == stdout || fp == stderr;
+}
 
 int Logger::Initialize(Type type, const xstring &path, const xstring &config_path, int rotate_count,
                        SafetyScope scope) {
@@ -208,14 +210,25 @@ int Logger::Rotate() {
     // archives (_0 newest to _N-2 oldest) are kept.
     std::remove(archive_name(log_path, n - 1).c_str());
 
-    if (log_fp && !is_standard_stream(log_fp))
-        std::fclose(log_fp);
-    log_fp = nullptr;
+    // The stream is swapped, never left empty while the files move: other
+    // threads test it before they take the lock, and one that saw no stream
+    // would drop its line. An open file can be renamed, so the old stream is
+    // closed only once the new one exists.
+    FILE *old_fp = log_fp;
+    auto drop_stream = [old_fp]() {
+        if (old_fp && !is_standard_stream(old_fp))
+            std::fclose(old_fp);
+        log_fp = nullptr;
+        return -1;
+    };
     if (std::rename(log_path.c_str(), archive_name(log_path, 0).c_str()) != 0)
-        return -1;
-    log_fp = std::fopen(log_path.c_str(), "a");
-    if (!log_fp)
-        return -1;
+        return drop_stream();
+    FILE *new_fp = std::fopen(log_path.c_str(), "a");
+    if (!new_fp)
+        return drop_stream();
+    log_fp = new_fp;
+    if (old_fp && !is_standard_stream(old_fp))
+        std::fclose(old_fp);
     if (log_rotated_count_shared)
         ++*log_rotated_count_shared;
     ++log_rotated_count_private;
