@@ -11,6 +11,7 @@ packages=(
     xvfb xauth x11-utils trayer xdotool imagemagick librsvg2-bin
     fonts-dejavu-core fonts-droid-fallback  # Latin and CJK glyphs for the tray texts
     nginx-light tinyproxy curl procps psmisc python3
+    libfaketime  # runs the updater's clock fast in the stall time-out tests
 )
 
 missing=()

@@ -6,6 +6,14 @@ set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 "$top/tools/install-deps.sh"
 
+# The system tests plant files in a shared temporary folder as a second local
+# user. As root, make sure that user exists: a system account with no home and
+# no login. Without it (or without root) those tests are skipped.
+if [ "$(id -u)" -eq 0 ]; then
+    id quillon-planter >/dev/null 2>&1 ||
+        useradd --system --no-create-home --shell /usr/sbin/nologin quillon-planter
+fi
+
 jobs=$(nproc)
 build=${BUILD_DIR:-$top/build}
 cmake -S "$top" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUILLON_WERROR=ON

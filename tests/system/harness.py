@@ -18,6 +18,7 @@ only, so that it runs wherever the program itself can be built.
 
 import ctypes
 import hashlib
+import http.server
 import json
 import os
 import re
@@ -25,7 +26,9 @@ import select
 import shutil
 import signal
 import socket
+import socketserver
 import subprocess
+import threading
 import time
 import urllib.error
 import urllib.request
@@ -140,13 +143,16 @@ def reap_orphans(timeout=5.0):
 class Process:
     """A child process with its output in a file; stop() ends it for good."""
 
-    def __init__(self, argv, output, env=None, cwd=None, pass_fds=()):
+    def __init__(self, argv, output, env=None, cwd=None, pass_fds=(), preexec_fn=None):
+        """preexec_fn runs in the child before the program (resource limits,
+        signal dispositions the program inherits)."""
         self.argv = [str(a) for a in argv]
         self.output = Path(output)
         with open(self.output, "wb") as out:
             self.popen = subprocess.Popen(
                 self.argv, stdin=subprocess.DEVNULL, stdout=out, stderr=subprocess.STDOUT,
-                env=env, cwd=cwd, pass_fds=pass_fds, start_new_session=True)
+                env=env, cwd=cwd, pass_fds=pass_fds, start_new_session=True,
+                preexec_fn=preexec_fn)
         _owned.add(self.popen.pid)
 
     @property
@@ -376,11 +382,13 @@ class Nginx:
     LOG_FORMAT = "$request_uri\\t$http_range\\t$status\\t$bytes_sent\\t$http_via"
     SYNC_PATH = "/.harness-sync"
 
-    def __init__(self, workdir, docroot, directives=""):
+    def __init__(self, workdir, docroot, directives="", listen_options=""):
         self.workdir = Path(workdir)
         self.workdir.mkdir(parents=True, exist_ok=True)
         self.docroot = Path(docroot).resolve()
         self.directives = directives
+        # Socket options of the listen directive, such as "sndbuf=32k".
+        self.listen_options = listen_options
         self.port = None
         self.process = None
         self._syncs = 0
@@ -409,7 +417,7 @@ http {{
     access_log {_quote(self.access_log)} harness;
 {temp}
     server {{
-        listen 127.0.0.1:{port};
+        listen 127.0.0.1:{port} {self.listen_options};
         root {_quote(self.docroot)};
 {self.directives}
     }}
@@ -518,6 +526,157 @@ PidFile {_quote(self.workdir / 'tinyproxy.pid')}
         """The absolute URLs of the requests that went through, in order."""
         text = self.log.read_text(errors="replace") if self.log.exists() else ""
         return re.findall(r"Request \(file descriptor \d+\): GET (\S+) HTTP/", text)
+
+
+class FaultServer:
+    """A small HTTP server for the faults nginx does not make on cue.
+
+    It serves files from memory on a free loopback port, in a thread of the
+    caller, and honours "Range: bytes=first-[last]". Each file may be told to
+    misbehave (see misbehave()): close the connection after so many body
+    bytes, send its body one byte at a time, or send nothing at all after
+    the headers. Every request is recorded, in order, as a dict with path,
+    range, status, bytes (body bytes sent) and end ("complete", "cut" or
+    "client gone")."""
+
+    def __init__(self):
+        self.files = {}
+        self.faults = {}
+        self.records = []
+        self._lock = threading.Lock()
+        self._stopping = threading.Event()
+        self._server = None
+        self._thread = None
+
+    @property
+    def port(self):
+        return self._server.server_address[1]
+
+    def url(self, name):
+        return f"http://127.0.0.1:{self.port}/{name}"
+
+    def put(self, name, data):
+        """Serves data as /name; returns the entry an answer names it by."""
+        self.files[name] = bytes(data)
+        return {"name": name, "url": self.url(name), "checksum": md5_hex(data)}
+
+    def put_updater(self, record, name="quillon-updater.sh"):
+        script = UPDATER_SCRIPT.format(record=_shell_quote(str(record.path)))
+        return self.put(name, script.encode())
+
+    def misbehave(self, name, cut_after=None, trickle=None, stall=False):
+        """cut_after: close each connection once that many body bytes of the
+        file went out. trickle: seconds between single body bytes. stall:
+        headers only, then silence until the client gives up. No argument
+        makes the file behave again."""
+        with self._lock:
+            self.faults[name] = {"cut_after": cut_after, "trickle": trickle, "stall": stall}
+
+    def requests(self, name=None):
+        with self._lock:
+            return [dict(r) for r in self.records if name is None or r["path"] == "/" + name]
+
+    def start(self):
+        owner = self
+
+        class Handler(http.server.BaseHTTPRequestHandler):
+            protocol_version = "HTTP/1.1"
+
+            def log_message(self, *args):
+                pass
+
+            def do_GET(self):
+                owner._answer(self)
+
+        class Server(socketserver.ThreadingMixIn, http.server.HTTPServer):
+            daemon_threads = True
+            allow_reuse_address = False
+
+        # Port 0: the kernel picks a free port as it binds, so nobody can take it first.
+        self._server = Server(("127.0.0.1", 0), Handler)
+        self._thread = threading.Thread(target=self._server.serve_forever,
+                                        kwargs={"poll_interval": 0.05}, daemon=True)
+        self._thread.start()
+        return self
+
+    def stop(self):
+        if not self._server:
+            return
+        self._stopping.set()
+        self._server.shutdown()
+        self._server.server_close()
+        self._thread.join(10)
+        self._server = None
+
+    def _answer(self, handler):
+        name = handler.path.split("?", 1)[0].lstrip("/")
+        header = handler.headers.get("Range", "")
+        with self._lock:
+            fault = dict(self.faults.get(name) or {})
+            record = {"path": "/" + name, "range": header, "status": 404, "bytes": 0,
+                      "end": "stalled" if fault.get("stall") else "complete"}
+            self.records.append(record)
+        handler.close_connection = True
+        data = self.files.get(name)
+        if data is None:
+            handler.send_response(404)
+            handler.send_header("Content-Length", "0")
+            handler.send_header("Connection", "close")
+            handler.end_headers()
+            return
+        first, status = 0, 200
+        match = re.fullmatch(r"bytes=(\d+)-(\d*)", header.strip())
+        if match:
+            first = int(match.group(1))
+            last = int(match.group(2)) if match.group(2) else len(data) - 1
+            if first >= len(data) or last < first:
+                record["status"] = 416
+                handler.send_response(416)
+                handler.send_header("Content-Range", f"bytes */{len(data)}")
+                handler.send_header("Content-Length", "0")
+                handler.send_header("Connection", "close")
+                handler.end_headers()
+                return
+            body = data[first:min(last, len(data) - 1) + 1]
+            status = 206
+        else:
+            body = data
+        record["status"] = status
+        handler.send_response(status)
+        if status == 206:
+            handler.send_header("Content-Range",
+                                f"bytes {first}-{first + len(body) - 1}/{len(data)}")
+        handler.send_header("Content-Type", "application/octet-stream")
+        handler.send_header("Content-Length", str(len(body)))
+        handler.send_header("Connection", "close")
+        handler.end_headers()
+        handler.wfile.flush()
+        try:
+            self._send_body(handler, body, fault, record)
+        except OSError:
+            record["end"] = "client gone"
+
+    def _send_body(self, handler, body, fault, record):
+        if fault.get("stall"):
+            # Nothing more: wait until the client hangs up (or we stop).
+            connection = handler.connection
+            while not self._stopping.is_set():
+                if select.select([connection], [], [], 0.1)[0] and not connection.recv(1024):
+                    record["end"] = "client gone"
+                    return
+            return
+        cut_after = fault.get("cut_after")
+        if cut_after is not None and cut_after < len(body):
+            body = body[:cut_after]
+            record["end"] = "cut"
+        step = 1 if fault.get("trickle") else 64 * 1024
+        for offset in range(0, len(body), step):
+            if offset and fault.get("trickle") and self._stopping.wait(fault["trickle"]):
+                return
+            handler.wfile.write(body[offset:offset + step])
+            record["bytes"] = offset + len(body[offset:offset + step])
+        # What was sent arrives before the end of the stream: the connection is
+        # shut down for writing and closed, not reset.
 
 
 def _wait_listening(process, port, ready_file, timeout=15):
@@ -725,11 +884,16 @@ class Installation:
         })
         return env
 
-    def start(self, argv, desktop, lang="en_US.UTF-8", cwd=None):
+    def start(self, argv, desktop, lang="en_US.UTF-8", cwd=None, extra_env=None,
+              preexec_fn=None):
+        """extra_env is added to the user's environment (a preloaded library,
+        say); preexec_fn runs in the child before the program."""
         self._runs += 1
+        env = self.environment(desktop, lang)
+        env.update(extra_env or {})
         return Process([self.program] + [str(a) for a in argv],
                        self.workdir / f"run{self._runs}.out",
-                       env=self.environment(desktop, lang), cwd=cwd or self.home)
+                       env=env, cwd=cwd or self.home, preexec_fn=preexec_fn)
 
     def run(self, argv, desktop, timeout=60, **kwargs):
         """Runs the program to its end; returns the finished Process."""

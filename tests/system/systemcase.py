@@ -24,12 +24,14 @@ def _setting(name):
 
 
 class SystemTestCase(unittest.TestCase):
-    """Subclasses set `tray` (whether the desktop has a system tray) and
-    `nginx_directives`; the class's desktop and nginx are shared by its tests,
-    which keep apart by each using their own UpdateSite and Installation."""
+    """Subclasses set `tray` (whether the desktop has a system tray),
+    `nginx_directives` and `nginx_listen_options`; the class's desktop and
+    nginx are shared by its tests, which keep apart by each using their own
+    UpdateSite and Installation."""
 
     tray = True
     nginx_directives = ""
+    nginx_listen_options = ""
 
     @classmethod
     def setUpClass(cls):
@@ -46,7 +48,8 @@ class SystemTestCase(unittest.TestCase):
         cls.desktop.start()
         docroot = cls.class_dir / "www"
         docroot.mkdir()
-        cls.nginx = harness.Nginx(cls.class_dir / "nginx", docroot, cls.nginx_directives)
+        cls.nginx = harness.Nginx(cls.class_dir / "nginx", docroot, cls.nginx_directives,
+                                  cls.nginx_listen_options)
         cls.addClassCleanup(cls.nginx.stop)
         cls.nginx.start()
 
