@@ -542,10 +542,11 @@ class FaultServer:
     Each answer starts `latency` seconds after its request, as across a
     network. On loopback an answer cut short can otherwise arrive whole, end
     of connection included, before Qt's HTTP code has moved on from sending
-    its request; Qt then sends the request again by itself and may report the
-    short answer as complete, which the downloader takes for the whole file
-    (the digest check then throws the partial download away). That weakness
-    is not what the tests of cut connections are about; latency=0 shows it."""
+    its request; Qt then sends the request again by itself and may end that
+    reply early without an error. The downloader tells such a short file by
+    its announced length and resumes it, but the extra requests make the
+    exact request sequences the cut-connection tests check unpredictable;
+    latency=0 is for the test of that case itself."""
 
     def __init__(self, latency=0.05):
         self.latency = latency

@@ -196,8 +196,8 @@ class DyingProxyTest(SystemTestCase):
 class BrokenServerTest(SystemTestCase):
     """The files come from harness.FaultServer, which misbehaves on cue."""
 
-    def offer_update(self, data, **fault):
-        server = harness.FaultServer()
+    def offer_update(self, data, latency=0.05, **fault):
+        server = harness.FaultServer(latency=latency)
         self.addCleanup(server.stop)
         server.start()
         installation, record = self.new_installation(), self.new_record()
@@ -230,6 +230,24 @@ class BrokenServerTest(SystemTestCase):
             "Download failed, try again. (code: 1, reason: Download failed since network "
             "error)"), 10)
         record.wait()
+
+    def test_cut_answers_arriving_at_once_are_resumed(self):
+        """Status 0, three times over, when each cut answer reaches the program
+        in one piece the moment it is asked for. Qt may then send the request
+        again on its own and end that reply early without an error; the short
+        file must count as an interrupted transfer and be resumed, not be
+        taken as finished and fail the checksum (status 6)."""
+        for attempt in range(3):
+            with self.subTest(attempt=attempt):
+                data = harness.pack_bytes(8 * 64 * KIB + 1000, seed=30 + attempt)
+                server, installation, record, pack = self.offer_update(
+                    data, latency=0, cut_after=64 * KIB)
+
+                status = self.run_program(installation, installation.client_arguments())
+
+                self.assertStatus(installation, status, 0)
+                self.assertEqual(installation.save_path(pack["name"]).read_bytes(), data)
+                record.wait()
 
     def test_cut_connections_beyond_retry_limit_keep_partial_file(self):
         """Status 1 for a pack that would take twelve connections: after

@@ -4,6 +4,7 @@
 
 #include <QCryptographicHash>
 #include <QFile>
+#include <QFileInfo>
 #include <QMetaObject>
 #include <QNetworkReply>
 #include <QNetworkRequest>
@@ -371,19 +372,8 @@ void UpdateDownloader::downloadFinished() {
         const QString reason = reply->errorString();
         const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
         const int category = code / 100;
-        if (category == 0 && manager->proxy().type() == QNetworkProxy::NoProxy) {
-            // Interrupted, stalled or aborted: the bytes on disk are good and
-            // the next attempt resumes from them.
-            QLOG_ERROR(LOG_COMPONENT,
-                       "Fail to download file. (code: %d, reason: network error. %s)", code,
-                       qUtf8Printable(reason));
-            reset();
-            emit error(NetworkError, QStringLiteral("Download failed since network error"));
-        } else if (category <= 1) {
-            QLOG_ERROR(LOG_COMPONENT, "Fail to download file. (code: %d, reason: proxy error. %s)",
-                       code, qUtf8Printable(reason));
-            reset();
-            emit error(ProxyError, QStringLiteral("Download failed since proxy error"));
+        if (category <= 1) {
+            reportInterrupted(code, reason);
         } else if (category == 2 || (status != 0 && (status < 200 || status > 299))) {
             // The server refused (a range it cannot satisfy, say): the partial
             // file is not trusted and the next attempt starts from byte 0.
@@ -430,6 +420,20 @@ void UpdateDownloader::downloadFinished() {
         // temporary file stays as it is and is reopened for appending.
         reset();
         download();
+        return;
+    }
+
+    // A connection closed early can still end as a reply without an error: Qt
+    // quietly sends a request again when the connection drops right after a
+    // short answer arrived whole, and may then end that reply early. A file
+    // shorter than the answer announced is an interrupted transfer, kept for
+    // the next attempt to resume, not a finished one to throw away.
+    const qint64 announced = announcedSize();
+    const qint64 on_disk = QFileInfo(temp_path).size();
+    if (announced >= 0 && on_disk < announced) {
+        reportInterrupted(
+            QNetworkReply::RemoteHostClosedError,
+            QStringLiteral("transfer ended after %1 of %2 bytes").arg(on_disk).arg(announced));
         return;
     }
 
@@ -530,4 +534,35 @@ bool UpdateDownloader::isChecksumMatched(const QString &file_path, const QString
 
     const QString digest = QString::fromLatin1(hash.result().toHex());
     return digest.compare(checksum, Qt::CaseInsensitive) == 0;
+}
+
+void UpdateDownloader::reportInterrupted(int code, const QString &reason) {
+    // Interrupted, stalled or aborted: the bytes on disk are good and the next
+    // attempt resumes from them. Through a proxy the failure is put down to the
+    // proxy, which lets the controller fall back to a direct connection.
+    if (code / 100 == 0 && manager->proxy().type() == QNetworkProxy::NoProxy) {
+        QLOG_ERROR(LOG_COMPONENT, "Fail to download file. (code: %d, reason: network error. %s)",
+                   code, qUtf8Printable(reason));
+        reset();
+        emit error(NetworkError, QStringLiteral("Download failed since network error"));
+    } else {
+        QLOG_ERROR(LOG_COMPONENT, "Fail to download file. (code: %d, reason: proxy error. %s)",
+                   code, qUtf8Printable(reason));
+        reset();
+        emit error(ProxyError, QStringLiteral("Download failed since proxy error"));
+    }
+}
+
+qint64 UpdateDownloader::announcedSize() const {
+    // A compressed body is announced by its compressed length, which says
+    // nothing about the file's.
+    if (!reply->rawHeader("Content-Encoding").isEmpty() &&
+        reply->rawHeader("Content-Encoding").toLower() != "identity")
+        return -1;
+    const QVariant length = reply->header(QNetworkRequest::ContentLengthHeader);
+    if (!length.isValid())
+        return -1;
+    // After a 200 to a ranged request file_size is back at 0; after a 206 it
+    // is where the range started.
+    return file_size + length.toLongLong();
 }

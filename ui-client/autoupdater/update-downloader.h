@@ -104,6 +104,8 @@ private:
     void examineAnswer();
     void failTransfer(UpdateDownloaderError code, const QString &reason);
     bool moveToSavePath();
+    void reportInterrupted(int code, const QString &reason);
+    qint64 announcedSize() const;
 
     // What happens to the body of the reply in flight; decided once, from its
     // status and headers, before the first byte of it is written.
