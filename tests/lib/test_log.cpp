@@ -26,7 +26,9 @@ void writeFile(const QString &path, const QByteArray &content) {
     QCOMPARE(f.write(content), qint64(content.size()));
 }
 
-std::string local(const QString &path) { return path.toStdString(); }
+std::string local(const QString &path) {
+    return path.toStdString();
+}
 
 } // namespace
 
@@ -41,15 +43,14 @@ private slots:
     void parseLine();
     void readTemplate();
 
+    void levelsFromTemplate_data();
     void levelsFromTemplate();
-    void malformedTemplateYieldsNoLevels();
-    void nonNumericValueIsLevelZero();
-    void emptyPathFailsAndDropsMessages();
+    void disabledLoggerDropsMessages_data();
+    void disabledLoggerDropsMessages();
     void lineFormat();
     void rotatesOnceWhenCrossingOneMebibyte();
-    void rotateCountOneKeepsOneArchive();
+    void rotationKeepsCountMinusOneArchives_data();
     void rotationKeepsCountMinusOneArchives();
-    void destroyDropsMessages();
     void concurrentWritersLoseNothing();
 
 private:
@@ -63,26 +64,31 @@ void TestLog::parseLine_data() {
     QTest::addColumn<int>("result");
     QTest::addColumn<QByteArray>("key");
     QTest::addColumn<QByteArray>("value");
+    const auto row = [](const char *name, const QByteArray &line, int result,
+                        const QByteArray &key = {}, const QByteArray &value = {},
+                        bool preserve = false) {
+        QTest::newRow(name) << line << preserve << result << key << value;
+    };
 
-    QTest::newRow("plain") << QByteArray("auto_updater=6\n") << false << 1 << QByteArray("auto_updater") << QByteArray("6");
-    QTest::newRow("blanks and comment") << QByteArray("  a.b-c_1 =\t7   # note\r\n") << false << 1 << QByteArray("a.b-c_1") << QByteArray("7");
-    QTest::newRow("single quoted") << QByteArray("k='a b'\n") << false << 1 << QByteArray("k") << QByteArray("a b");
-    QTest::newRow("double quoted kept") << QByteArray("k=\"a b\"\n") << true << 1 << QByteArray("k") << QByteArray("\"a b\"");
-    QTest::newRow("hash inside bare value") << QByteArray("k=a#b\n") << false << 1 << QByteArray("k") << QByteArray("a#b");
-    QTest::newRow("high bytes") << QByteArray("k=\xc3\xa9t\xc3\xa9\n") << false << 1 << QByteArray("k") << QByteArray("\xc3\xa9t\xc3\xa9");
-    QTest::newRow("comment line") << QByteArray("   # whole line\n") << false << 0 << QByteArray() << QByteArray();
-    QTest::newRow("blank line") << QByteArray(" \t\n") << false << 0 << QByteArray() << QByteArray();
-    QTest::newRow("key then comment") << QByteArray("key#x\n") << false << 0 << QByteArray() << QByteArray();
-    QTest::newRow("key at end of file") << QByteArray("key") << false << 0 << QByteArray() << QByteArray();
-    QTest::newRow("key without equals") << QByteArray("key\n") << false << -1 << QByteArray() << QByteArray();
-    QTest::newRow("key blank comment") << QByteArray("key # x\n") << false << -1 << QByteArray() << QByteArray();
-    QTest::newRow("nothing after equals") << QByteArray("key=   \n") << false << -1 << QByteArray() << QByteArray();
-    QTest::newRow("unterminated quote") << QByteArray("key='abc\n") << false << -1 << QByteArray() << QByteArray();
-    QTest::newRow("second word") << QByteArray("key=a b\n") << false << -1 << QByteArray() << QByteArray();
-    QTest::newRow("tab then word") << QByteArray("key=a\tb\n") << false << -1 << QByteArray() << QByteArray();
-    QTest::newRow("text after quote") << QByteArray("key=\"a\"x\n") << false << -1 << QByteArray() << QByteArray();
-    QTest::newRow("delete ends value") << QByteArray("key=a\x7f\n") << false << -1 << QByteArray() << QByteArray();
-    QTest::newRow("bad key character") << QByteArray("ke/y=1\n") << false << -1 << QByteArray() << QByteArray();
+    row("plain", "auto_updater=6\n", 1, "auto_updater", "6");
+    row("blanks and comment", "  a.b-c_1 =\t7   # note\r\n", 1, "a.b-c_1", "7");
+    row("single quoted", "k='a b'\n", 1, "k", "a b");
+    row("double quoted kept", "k=\"a b\"\n", 1, "k", "\"a b\"", true);
+    row("hash inside bare value", "k=a#b\n", 1, "k", "a#b");
+    row("high bytes", "k=\xc3\xa9t\xc3\xa9\n", 1, "k", "\xc3\xa9t\xc3\xa9");
+    row("comment line", "   # whole line\n", 0);
+    row("blank line", " \t\n", 0);
+    row("key then comment", "key#x\n", 0);
+    row("key at end of file", "key", 0);
+    row("key without equals", "key\n", -1);
+    row("key blank comment", "key # x\n", -1);
+    row("nothing after equals", "key=   \n", -1);
+    row("unterminated quote", "key='abc\n", -1);
+    row("second word", "key=a b\n", -1);
+    row("tab then word", "key=a\tb\n", -1);
+    row("text after quote", "key=\"a\"x\n", -1);
+    row("delete ends value", "key=a\x7f\n", -1);
+    row("bad key character", "ke/y=1\n", -1);
 }
 
 void TestLog::parseLine() {
@@ -106,7 +112,8 @@ void TestLog::readTemplate() {
     QCOMPARE(config.read(""), -1);
     QCOMPARE(config.read(local(path("missing"))), -1);
 
-    writeFile(path("good"), "# levels\nauto_updater=7\n\nsystem_db_debug = 3 # quiet\nauto_updater=6\n");
+    writeFile(path("good"),
+              "# levels\nauto_updater=7\n\nsystem_db_debug = 3 # quiet\nauto_updater=6\n");
     QCOMPARE(config.read(local(path("good"))), 0);
     QCOMPARE(int(config.size()), 2);
     QCOMPARE(config.get_int("auto_updater"), 6);
@@ -129,73 +136,85 @@ void TestLog::readTemplate() {
     QCOMPARE(back.get_int("x"), 1);
 }
 
+// The level a template gives a component, and that exactly the messages at or
+// below it are written.
+// Levels stay with the process, so every row names components of its own.
+void TestLog::levelsFromTemplate_data() {
+    QTest::addColumn<QByteArray>("levels");
+    QTest::addColumn<QByteArray>("component");
+    QTest::addColumn<int>("level");
+
+    const QByteArray two = "lvl_debug=7\nlvl_err=3 # quiet\n";
+    QTest::newRow("set to debug") << two << QByteArray("lvl_debug") << 7;
+    QTest::newRow("set to error") << two << QByteArray("lvl_err") << 3;
+    QTest::newRow("unknown is warning") << two << QByteArray("lvl_unknown") << 4;
+    QTest::newRow("one malformed line, no levels")
+        << QByteArray("mal_one=7\nmal_two 7\nmal_three=7\n") << QByteArray("mal_one") << 4;
+    QTest::newRow("non-numeric is 0") << QByteArray("nn_text=abc\n") << QByteArray("nn_text") << 0;
+    QTest::newRow("numeric prefix counts")
+        << QByteArray("nn_prefix=6x\n") << QByteArray("nn_prefix") << 6;
+}
+
 void TestLog::levelsFromTemplate() {
-    writeFile(path("tpl"), "lvl_debug_comp=7\nlvl_err_comp=3\n");
+    QFETCH(QByteArray, levels);
+    QFETCH(QByteArray, component);
+    QFETCH(int, level);
+
+    writeFile(path("tpl"), levels);
+    QFile::remove(path("a.log"));
     QCOMPARE(Logger::Initialize(Logger::FILE_LOGGER, local(path("a.log")), local(path("tpl")), 5,
                                 Logger::ThreadSafe),
              0);
-    QCOMPARE(Logger::GetCompLevel("lvl_debug_comp"), 7);
-    QCOMPARE(Logger::GetCompLevel("lvl_err_comp"), 3);
-    QCOMPARE(Logger::GetCompLevel("default_component"), 4);
-    QCOMPARE(Logger::GetCompLevel("lvl_unknown_comp"), 4);
-
-    QLOG_DEBUG("lvl_debug_comp", "kept debug");
-    QLOG_INFO("lvl_err_comp", "dropped info");
-    QLOG_ERROR("lvl_err_comp", "kept error");
-    QLOG_INFO("lvl_unknown_comp", "dropped unknown info");
-    QLOG_WARNING("lvl_unknown_comp", "kept unknown warning");
-
-    const QByteArray log = readAll(path("a.log"));
-    QVERIFY(log.contains("kept debug"));
-    QVERIFY(log.contains("kept error"));
-    QVERIFY(log.contains("kept unknown warning"));
-    QVERIFY(!log.contains("dropped"));
+    QCOMPARE(Logger::GetCompLevel(component.toStdString()), level);
+    QByteArray expected;
+    for (int l = Logger::L_EMERG; l <= Logger::L_DEBUG; ++l) {
+        const auto at = static_cast<Logger::Level>(l);
+        QCOMPARE(Logger::IsNeedToLog(at, component.toStdString()), l <= level);
+        Logger::LogMsg(at, component.toStdString(), "level %d\n", l);
+        if (l <= level)
+            expected += "level " + QByteArray::number(l) + "\n";
+    }
+    QByteArray written;
+    for (const QByteArray &line : readAll(path("a.log")).split('\n')) {
+        if (!line.isEmpty())
+            written += line.mid(16) + "\n"; // without the time stamp
+    }
+    QCOMPARE(written, expected);
 }
 
-void TestLog::malformedTemplateYieldsNoLevels() {
-    writeFile(path("tpl"), "mal_one=7\nmal_two 7\nmal_three=7\n");
-    QCOMPARE(Logger::Initialize(Logger::FILE_LOGGER, local(path("b.log")), local(path("tpl")), 5,
-                                Logger::ThreadSafe),
-             0);
-    QCOMPARE(Logger::GetCompLevel("mal_one"), 4);
-    QCOMPARE(Logger::GetCompLevel("mal_three"), 4);
-    QVERIFY(!Logger::IsNeedToLog(Logger::L_INFO, "mal_one"));
+// Once the logger failed to start or was shut down, nothing is written.
+void TestLog::disabledLoggerDropsMessages_data() {
+    QTest::addColumn<QByteArray>("how");
+    QTest::newRow("empty path") << QByteArray("empty");
+    QTest::newRow("missing folder") << QByteArray("missing");
+    QTest::newRow("destroyed") << QByteArray("destroy");
 }
 
-void TestLog::nonNumericValueIsLevelZero() {
-    writeFile(path("tpl"), "nn_comp=abc\nnn_partial=6x\n");
-    QCOMPARE(Logger::Initialize(Logger::FILE_LOGGER, local(path("c.log")), local(path("tpl")), 5,
-                                Logger::ThreadSafe),
-             0);
-    QCOMPARE(Logger::GetCompLevel("nn_comp"), 0);
-    QCOMPARE(Logger::GetCompLevel("nn_partial"), 6);
-    QVERIFY(Logger::IsNeedToLog(Logger::L_EMERG, "nn_comp"));
-    QVERIFY(!Logger::IsNeedToLog(Logger::L_ERR, "nn_comp"));
-}
+void TestLog::disabledLoggerDropsMessages() {
+    QFETCH(QByteArray, how);
 
-void TestLog::emptyPathFailsAndDropsMessages() {
-    QCOMPARE(Logger::Initialize(Logger::FILE_LOGGER, local(path("d.log")), "", 5,
-                                Logger::ThreadSafe),
-             0);
-    QLOG_ERROR("empty_path", "before");
+    QCOMPARE(
+        Logger::Initialize(Logger::FILE_LOGGER, local(path("d.log")), "", 5, Logger::ThreadSafe),
+        0);
+    QLOG_ERROR("drop", "before");
     const QByteArray before = readAll(path("d.log"));
     QVERIFY(before.contains("before"));
 
-    QCOMPARE(Logger::Initialize(Logger::FILE_LOGGER, "", "", 5, Logger::ThreadSafe), -1);
-    QVERIFY(!Logger::IsNeedToLog(Logger::L_EMERG, "empty_path"));
-    QLOG_ERROR("empty_path", "after");
+    if (how == "destroy") {
+        Logger::Destroy();
+    } else {
+        const std::string target = how == "empty" ? "" : local(path("no/such/dir/x.log"));
+        QCOMPARE(Logger::Initialize(Logger::FILE_LOGGER, target, "", 5, Logger::ThreadSafe), -1);
+    }
+    QVERIFY(!Logger::IsNeedToLog(Logger::L_EMERG, "drop"));
+    QLOG_ERROR("drop", "after");
     QCOMPARE(readAll(path("d.log")), before);
-
-    // A folder that does not exist fails the same way.
-    QCOMPARE(Logger::Initialize(Logger::FILE_LOGGER, local(path("no/such/dir/x.log")), "", 5,
-                                Logger::ThreadSafe),
-             -1);
 }
 
 void TestLog::lineFormat() {
-    QCOMPARE(Logger::Initialize(Logger::FILE_LOGGER, local(path("e.log")), "", 5,
-                                Logger::ThreadSafe),
-             0);
+    QCOMPARE(
+        Logger::Initialize(Logger::FILE_LOGGER, local(path("e.log")), "", 5, Logger::ThreadSafe),
+        0);
     const int line = __LINE__ + 1;
     QLOG_ERROR("fmt_comp", "value %d and %s.", 42, "text");
     QLOG_WARNING("fmt_comp", "plain");
@@ -205,9 +224,8 @@ void TestLog::lineFormat() {
     // "Mar 07 14:03:22 [ERROR] test_log.cpp(123): value 42 and text."
     const QRegularExpression stamp(QStringLiteral("^[A-Z][a-z]{2} \\d\\d \\d\\d:\\d\\d:\\d\\d "));
     QVERIFY(stamp.match(QString::fromUtf8(lines.at(0))).hasMatch());
-    QCOMPARE(lines.at(0).mid(16),
-             QByteArray("[ERROR] test_log.cpp(") + QByteArray::number(line) +
-                 "): value 42 and text.");
+    QCOMPARE(lines.at(0).mid(16), QByteArray("[ERROR] test_log.cpp(") + QByteArray::number(line) +
+                                      "): value 42 and text.");
     QVERIFY(lines.at(1).mid(16).startsWith("[WARNING] test_log.cpp("));
 }
 
@@ -240,47 +258,34 @@ void TestLog::rotatesOnceWhenCrossingOneMebibyte() {
     QVERIFY(!QFile::exists(log + "_1"));
 }
 
-void TestLog::rotateCountOneKeepsOneArchive() {
-    const QString log = path("one.log");
-    writeFile(log + "_0", "stale archive\n");
-    QCOMPARE(Logger::Initialize(Logger::FILE_LOGGER, local(log), "", 1, Logger::ThreadSafe), 0);
-    QLOG_ERROR("one", "first generation");
-    QCOMPARE(Logger::Rotate(), 0);
-    QByteArray archive = readAll(log + "_0");
-    QVERIFY(archive.contains("first generation"));
-    QVERIFY(!archive.contains("stale"));
-
-    QLOG_ERROR("one", "second generation");
-    QCOMPARE(Logger::Rotate(), 0);
-    archive = readAll(log + "_0");
-    QVERIFY(archive.contains("second generation"));
-    QVERIFY(!archive.contains("first generation"));
-    QVERIFY(!QFile::exists(log + "_1"));
+void TestLog::rotationKeepsCountMinusOneArchives_data() {
+    QTest::addColumn<int>("count");
+    QTest::addColumn<int>("kept");
+    QTest::newRow("count 1 keeps one") << 1 << 1;
+    QTest::newRow("count 3 keeps two") << 3 << 2;
 }
 
+// <log>_0 is the newest archive; whatever sat in the slot past the kept ones
+// is gone.
 void TestLog::rotationKeepsCountMinusOneArchives() {
-    const QString log = path("three.log");
-    QCOMPARE(Logger::Initialize(Logger::FILE_LOGGER, local(log), "", 3, Logger::ThreadSafe), 0);
-    for (int generation = 0; generation < 5; ++generation) {
-        Logger::LogMsg(Logger::L_ERR, "three", "generation %d\n", generation);
+    QFETCH(int, count);
+    QFETCH(int, kept);
+
+    const QString log = path("rot.log");
+    writeFile(log + QStringLiteral("_%1").arg(count - 1), "stale archive\n");
+    QCOMPARE(Logger::Initialize(Logger::FILE_LOGGER, local(log), "", count, Logger::ThreadSafe), 0);
+    const int generations = 4;
+    for (int generation = 0; generation < generations; ++generation) {
+        Logger::LogMsg(Logger::L_ERR, "rot", "generation %d\n", generation);
         QCOMPARE(Logger::Rotate(), 0);
     }
-    QVERIFY(readAll(log + "_0").contains("generation 4"));
-    QVERIFY(readAll(log + "_1").contains("generation 3"));
-    QVERIFY(!QFile::exists(log + "_2"));
-}
-
-void TestLog::destroyDropsMessages() {
-    QCOMPARE(Logger::Initialize(Logger::FILE_LOGGER, local(path("f.log")), "", 5,
-                                Logger::NonSafe),
-             0);
-    QLOG_ERROR("destroy", "kept");
-    Logger::Destroy();
-    QVERIFY(!Logger::IsNeedToLog(Logger::L_EMERG, "destroy"));
-    QLOG_ERROR("destroy", "dropped");
-    const QByteArray log = readAll(path("f.log"));
-    QVERIFY(log.contains("kept"));
-    QVERIFY(!log.contains("dropped"));
+    for (int i = 0; i < kept; ++i) {
+        const QByteArray archive = readAll(log + QStringLiteral("_%1").arg(i));
+        QCOMPARE(archive.count('\n'), 1);
+        QVERIFY(archive.endsWith("generation " + QByteArray::number(generations - 1 - i) + "\n"));
+    }
+    QVERIFY(!QFile::exists(log + QStringLiteral("_%1").arg(kept)));
+    QCOMPARE(readAll(log), QByteArray());
 }
 
 void TestLog::concurrentWritersLoseNothing() {

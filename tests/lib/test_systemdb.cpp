@@ -3,7 +3,6 @@
 
 #include <sqlite3.h>
 
-#include <QDateTime>
 #include <QFile>
 #include <QRegularExpression>
 #include <QTemporaryDir>
@@ -12,6 +11,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <future>
 #include <memory>
 #include <mutex>
@@ -106,7 +106,23 @@ struct SleepWatch {
     std::mutex mutex;
     std::condition_variable cv;
     int sleeps = 0;
-    bool stop = false;
+    bool finished = false;
+
+    // Called by the operation under test once it returns.
+    void finish() {
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            finished = true;
+        }
+        cv.notify_all();
+    }
+    // Whether a connection was seen waiting before the operation finished.
+    bool waitForSleeper() {
+        std::unique_lock<std::mutex> lock(mutex);
+        // The limit only keeps a broken build from hanging the test.
+        cv.wait_for(lock, std::chrono::minutes(2), [this]() { return sleeps > 0 || finished; });
+        return sleeps > 0;
+    }
 };
 sqlite3_vfs *real_vfs = nullptr;
 sqlite3_vfs watch_vfs;
@@ -138,105 +154,43 @@ public:
     }
 };
 
-// Holds an exclusive transaction on the file from another thread until some
-// connection has been seen waiting for it (or until told to stop), then
-// commits whatever `sql` it ran inside the transaction.
-class LockHolder {
-public:
-    LockHolder(const QString &path, const QByteArray &sql, SleepWatch *watch_) : watch(watch_) {
-        std::future<QString> result = held.get_future();
-        thread = std::thread([this, path, sql]() {
-            Connection c(path, true);
-            if (!c.ok() || !c.exec("BEGIN EXCLUSIVE;") || (!sql.isEmpty() && !c.exec(sql))) {
-                held.set_value(c.error.isEmpty() ? QStringLiteral("cannot open") : c.error);
-                return;
-            }
-            held.set_value(QString());
-            {
-                std::unique_lock<std::mutex> lock(watch->mutex);
-                // The limit only keeps a broken build from hanging the test.
-                watch->cv.wait_for(lock, std::chrono::minutes(2),
-                                   [this]() { return watch->sleeps > 0 || watch->stop; });
-                waiter_seen = watch->sleeps > 0;
-            }
-            committed = c.exec("COMMIT;");
-        });
-        error = result.get();
-    }
-    ~LockHolder() { release(); }
-    void release() {
-        {
-            std::lock_guard<std::mutex> lock(watch->mutex);
-            watch->stop = true;
+// Every option as "key=value", under the key the client stores it as, so that
+// a comparison shows which one differs.
+QStringList describe(const GeneralOptions &o) {
+    const auto entry = [](const char *key, const QVariant &value) {
+        return QString::fromLatin1(key) + QLatin1Char('=') + value.toString();
+    };
+    return {entry("enable_desktop_notification", int(o.enable_desktop_notification)),
+            entry("enable_iconoverlay", int(o.enable_iconoverlay)),
+            entry("enable_filtered_iconoverlay", int(o.enable_filtered_iconoverlay)),
+            entry("enable_context_menu", int(o.enable_context_menu)),
+            entry("enable_startup", int(o.enable_startup)),
+            entry("use_black_white_icon", int(o.use_bw_icon)),
+            entry("show_tutorial", int(o.show_tutorial)),
+            entry("sync_mode", o.sync_mode),
+            entry("open_folder", QString::fromUtf8(o.open_folder.c_str()))};
+}
+
+// The options of a client that never saved its settings, with the given
+// "key=value" entries changed.
+QStringList optionsWith(const QStringList &changed = {}) {
+    QStringList options = {"enable_desktop_notification=1",
+                           "enable_iconoverlay=1",
+                           "enable_filtered_iconoverlay=1",
+                           "enable_context_menu=1",
+                           "enable_startup=1",
+                           "use_black_white_icon=0",
+                           "show_tutorial=1",
+                           "sync_mode=0",
+                           "open_folder="};
+    for (const QString &entry : changed) {
+        const QString key = entry.section(QLatin1Char('='), 0, 0) + QLatin1Char('=');
+        for (QString &option : options) {
+            if (option.startsWith(key))
+                option = entry;
         }
-        watch->cv.notify_all();
-        if (thread.joinable())
-            thread.join();
     }
-
-    QString error;
-    bool waiter_seen = false;
-    bool committed = false;
-
-private:
-    SleepWatch *watch;
-    std::promise<QString> held;
-    std::thread thread;
-};
-
-// The values a client that never saved its settings has.
-GeneralOptions documentedDefaults() {
-    GeneralOptions o;
-    o.enable_desktop_notification = true;
-    o.enable_iconoverlay = true;
-    o.enable_filtered_iconoverlay = true;
-    o.enable_context_menu = true;
-    o.enable_startup = true;
-    o.use_bw_icon = false;
-    o.show_tutorial = true;
-    o.sync_mode = 0;
-    o.open_folder = "";
-    return o;
-}
-
-GeneralOptions withOverrides(const QVariantMap &overrides) {
-    GeneralOptions o = documentedDefaults();
-    for (auto it = overrides.begin(); it != overrides.end(); ++it) {
-        const QString &field = it.key();
-        if (field == QLatin1String("enable_desktop_notification"))
-            o.enable_desktop_notification = it->toBool();
-        else if (field == QLatin1String("enable_iconoverlay"))
-            o.enable_iconoverlay = it->toBool();
-        else if (field == QLatin1String("enable_filtered_iconoverlay"))
-            o.enable_filtered_iconoverlay = it->toBool();
-        else if (field == QLatin1String("enable_context_menu"))
-            o.enable_context_menu = it->toBool();
-        else if (field == QLatin1String("enable_startup"))
-            o.enable_startup = it->toBool();
-        else if (field == QLatin1String("use_bw_icon"))
-            o.use_bw_icon = it->toBool();
-        else if (field == QLatin1String("show_tutorial"))
-            o.show_tutorial = it->toBool();
-        else if (field == QLatin1String("sync_mode"))
-            o.sync_mode = it->toInt();
-        else if (field == QLatin1String("open_folder"))
-            o.open_folder = it->toByteArray().toStdString();
-        else
-            qFatal("unknown field %s", qPrintable(field));
-    }
-    return o;
-}
-
-void compareOptions(const GeneralOptions &actual, const GeneralOptions &expected) {
-    QCOMPARE(actual.enable_desktop_notification, expected.enable_desktop_notification);
-    QCOMPARE(actual.enable_iconoverlay, expected.enable_iconoverlay);
-    QCOMPARE(actual.enable_filtered_iconoverlay, expected.enable_filtered_iconoverlay);
-    QCOMPARE(actual.enable_context_menu, expected.enable_context_menu);
-    QCOMPARE(actual.enable_startup, expected.enable_startup);
-    QCOMPARE(actual.use_bw_icon, expected.use_bw_icon);
-    QCOMPARE(actual.show_tutorial, expected.show_tutorial);
-    QCOMPARE(actual.sync_mode, expected.sync_mode);
-    QCOMPARE(QByteArray(actual.open_folder.c_str()), QByteArray(expected.open_folder.c_str()));
+    return options;
 }
 
 ProxyInfo filledProxy() {
@@ -258,7 +212,11 @@ QStringList sorted(QStringList list) {
     return list;
 }
 
+using ProxyChange = std::function<void(ProxyInfo &)>;
+
 } // namespace
+
+Q_DECLARE_METATYPE(ProxyChange)
 
 class TestSystemDB : public QObject {
     Q_OBJECT
@@ -278,13 +236,11 @@ private slots:
     void openFailsInMissingFolder();
     void failedScriptLeavesNothing_data();
     void failedScriptLeavesNothing();
-    void secondInitializeIsNoOp_data();
     void secondInitializeIsNoOp();
     void lockedDatabaseIsWaitedFor_data();
     void lockedDatabaseIsWaitedFor();
     void generalOptionsFromRows_data();
     void generalOptionsFromRows();
-    void closedDatabaseFailsCleanly_data();
     void closedDatabaseFailsCleanly();
     void generalOptionsRoundTrip();
     void proxyRoundTrip_data();
@@ -501,7 +457,8 @@ void TestSystemDB::declaredSchema() {
     }
 }
 
-// What the declared constraints and defaults do, as the client relies on it.
+// The conflict clauses, which the column list does not show, as the client
+// relies on them.
 void TestSystemDB::declaredRules() {
     const QString file = path("sys.sqlite");
     QCOMPARE(openFresh("sys.sqlite"), 0);
@@ -512,31 +469,13 @@ void TestSystemDB::declaredRules() {
     QVERIFY(c.exec("INSERT INTO server_view_table (view_id, conn_id, name) VALUES (1, 1, 'a');"
                    "INSERT INTO server_view_table (view_id, conn_id, name) VALUES (1, 1, 'b');"
                    "INSERT INTO server_view_table (view_id, conn_id, name) VALUES (1, 2, 'c');"));
-    QCOMPARE(c.rows("SELECT view_id, conn_id, name, is_mount FROM server_view_table ORDER BY "
-                    "conn_id"),
-             QStringList({"1|1|b|1", "1|2|c|1"}));
+    QCOMPARE(c.rows("SELECT view_id, conn_id, name FROM server_view_table ORDER BY conn_id"),
+             QStringList({"1|1|b", "1|2|c"}));
 
     // A plain insert of an existing key keeps the old value.
     QVERIFY(c.exec("INSERT INTO system_table (key, value) VALUES ('release_version', 99);"));
     QCOMPARE(c.rows("SELECT value FROM system_table WHERE key = 'release_version'"),
              QStringList({"24"}));
-
-    // Shares are found whatever the case of their name.
-    const qint64 before = QDateTime::currentSecsSinceEpoch();
-    QVERIFY(c.exec("INSERT INTO session_table (share_name) VALUES ('Home');"));
-    const qint64 after = QDateTime::currentSecsSinceEpoch();
-    QCOMPARE(c.rows("SELECT share_name, conflict_policy, typeof(ctime) FROM session_table WHERE "
-                    "share_name = 'HOME'"),
-             QStringList({"Home|compare_mtime|integer"}));
-    const qint64 ctime = c.rows("SELECT ctime FROM session_table").value(0).toLongLong();
-    QVERIFY2(ctime >= before && ctime <= after, qPrintable(QString::number(ctime)));
-
-    QVERIFY(c.exec("INSERT INTO connection_table (username) VALUES ('Admin');"));
-    QCOMPARE(c.rows("SELECT session, user_is_admin FROM connection_table WHERE username = "
-                    "'admin'"),
-             QStringList({"|1"}));
-    QVERIFY(!c.exec("INSERT INTO connection_table (session) VALUES (NULL);"));
-    QVERIFY(!c.exec("INSERT INTO system_table (key, value) VALUES ('k', NULL);"));
 }
 
 // setup: run by the client's own connection before the updater opens the file;
@@ -687,30 +626,20 @@ void TestSystemDB::failedScriptLeavesNothing() {
     }
 }
 
-void TestSystemDB::secondInitializeIsNoOp_data() {
-    QTest::addColumn<QString>("second");
-    QTest::newRow("another file") << "other.sqlite";
-    QTest::newRow("same file") << "sys.sqlite";
-    QTest::newRow("missing folder") << "missing/sys.sqlite";
-}
-
 void TestSystemDB::secondInitializeIsNoOp() {
-    QFETCH(QString, second);
-
     QCOMPARE(openFresh("sys.sqlite"), 0);
     GeneralOptions written;
     written.sync_mode = 7;
     QCOMPARE(SystemDB::setGeneralOptions(written), 0);
     log_mark = QFileInfo(log_dir.filePath(QStringLiteral("db.log"))).size();
 
-    const QString second_path = dir->filePath(second);
+    const QString second_path = path("other.sqlite");
     QCOMPARE(SystemDB::initialize(ustring(second_path.toUtf8().constData())), 0);
     const QByteArray log = newLog();
     QVERIFY(hasLine(log, "INFO", QStringLiteral("SystemDB has been initialized (no-op)")));
     QVERIFY(!log.contains("initialized with location"));
     QVERIFY(!log.contains("[ERROR]"));
-    if (second != QLatin1String("sys.sqlite"))
-        QVERIFY(!QFileInfo::exists(second_path));
+    QVERIFY(!QFileInfo::exists(second_path));
 
     GeneralOptions read;
     QCOMPARE(SystemDB::getGeneralOptions(read), 0);
@@ -718,142 +647,110 @@ void TestSystemDB::secondInitializeIsNoOp() {
 }
 
 void TestSystemDB::lockedDatabaseIsWaitedFor_data() {
-    QTest::addColumn<QString>("operation");
-    QTest::newRow("opening") << "initialize";
-    QTest::newRow("reading options") << "getGeneralOptions";
-    QTest::newRow("writing proxy") << "setUserProxyInfo";
+    QTest::addColumn<bool>("opening"); // else reading options of an open database
+    QTest::newRow("opening") << true;
+    QTest::newRow("reading options") << false;
 }
 
 // Another process holding the database makes the operation wait until it
 // lets go, not fail with "database is locked".
 void TestSystemDB::lockedDatabaseIsWaitedFor() {
-    QFETCH(QString, operation);
+    QFETCH(bool, opening);
 
     const QString file = path("sys.sqlite");
     // Connections use the VFS that is the default when they are opened.
     SleepWatch watch;
     WatchedVfs vfs(&watch);
-    const bool open_first = operation != QLatin1String("initialize");
-    if (open_first)
+    if (!opening)
         QCOMPARE(openFresh("sys.sqlite"), 0);
-    // What the other process writes while it holds the lock must be what a
-    // waiting reader then sees.
-    const QByteArray held_sql =
-        open_first ? QByteArray("INSERT or REPLACE INTO system_table (key, value) VALUES "
-                                "('sync_mode', 5);")
-                   : QByteArray();
-    LockHolder holder(file, held_sql, &watch);
-    QVERIFY2(holder.error.isEmpty(), qPrintable(holder.error));
-
-    int result = -1;
     GeneralOptions options;
-    ProxyInfo proxy = filledProxy();
-    if (operation == QLatin1String("initialize"))
-        result = openFresh("sys.sqlite");
-    else if (operation == QLatin1String("getGeneralOptions"))
-        result = SystemDB::getGeneralOptions(options);
-    else
-        result = SystemDB::setUserProxyInfo(proxy);
-    holder.release();
+    // Declared before the other connection, so that a test failing early
+    // lets go of the lock before it waits for the operation.
+    std::future<int> result;
+    Connection other(file, true);
+    QVERIFY2(other.exec("BEGIN EXCLUSIVE;"), qPrintable(other.error));
+    // What the other process writes while it holds the lock must be what the
+    // waiting reader then sees.
+    if (!opening)
+        QVERIFY(other.exec("INSERT or REPLACE INTO system_table (key, value) VALUES "
+                           "('sync_mode', 5);"));
 
-    QVERIFY(holder.waiter_seen);
-    QVERIFY(holder.committed);
-    QCOMPARE(result, 0);
-    if (operation == QLatin1String("getGeneralOptions"))
-        QCOMPARE(options.sync_mode, 5);
-    ProxyInfo back;
-    QCOMPARE(SystemDB::getUserProxyInfo(back), 0);
-    if (operation == QLatin1String("setUserProxyInfo"))
-        QCOMPARE(back.proxy_ip, proxy.proxy_ip);
+    result = std::async(std::launch::async, [&]() {
+        const int r = opening ? openFresh("sys.sqlite") : SystemDB::getGeneralOptions(options);
+        watch.finish();
+        return r;
+    });
+    QVERIFY(watch.waitForSleeper());
+    QVERIFY(other.exec("COMMIT;"));
+    QCOMPARE(result.get(), 0);
+    QCOMPARE(SystemDB::getGeneralOptions(options), 0);
+    QCOMPARE(options.sync_mode, opening ? 0 : 5);
 }
 
-// rows: inserted by the client before reading; expected: fields that differ
-// from the defaults afterwards.
+// rows: inserted by the client before reading; changed: the options that
+// then differ from the defaults.
 void TestSystemDB::generalOptionsFromRows_data() {
     QTest::addColumn<QByteArray>("rows");
-    QTest::addColumn<QVariantMap>("expected");
+    QTest::addColumn<QStringList>("changed");
 
-    QTest::newRow("seed rows only") << QByteArray() << QVariantMap();
-    QTest::newRow("empty table") << QByteArray("DELETE FROM system_table;") << QVariantMap();
-    QTest::newRow("startup 0") << QByteArray("('enable_startup', 0)")
-                               << QVariantMap({{"enable_startup", false}});
-    QTest::newRow("startup 2") << QByteArray("('enable_startup', 2)")
-                               << QVariantMap({{"enable_startup", false}});
-    QTest::newRow("startup text true")
-        << QByteArray("('enable_startup', 'true')") << QVariantMap({{"enable_startup", false}});
-    QTest::newRow("startup 1") << QByteArray("('enable_startup', 1)") << QVariantMap();
-    QTest::newRow("black and white icon")
-        << QByteArray("('use_black_white_icon', 1)") << QVariantMap({{"use_bw_icon", true}});
-    QTest::newRow("field name is no key") << QByteArray("('use_bw_icon', 1)") << QVariantMap();
-    QTest::newRow("sync mode") << QByteArray("('sync_mode', 3)") << QVariantMap({{"sync_mode", 3}});
-    QTest::newRow("negative sync mode")
-        << QByteArray("('sync_mode', -2)") << QVariantMap({{"sync_mode", -2}});
-    QTest::newRow("key case differs") << QByteArray("('Sync_Mode', 3)") << QVariantMap();
-    QTest::newRow("open folder") << QByteArray("('open_folder', '/home/zo\xc3\xab/Quillon Drive')")
-                                 << QVariantMap({{"open_folder",
-                                                  QByteArray("/home/zo\xc3\xab/Quillon Drive")}});
+    const QStringList startupOff = {"enable_startup=0"};
+    QTest::newRow("seed rows only") << QByteArray() << QStringList();
+    QTest::newRow("startup 0") << QByteArray("('enable_startup', 0)") << startupOff;
+    QTest::newRow("startup 2") << QByteArray("('enable_startup', 2)") << startupOff;
+    QTest::newRow("startup text true") << QByteArray("('enable_startup', 'true')") << startupOff;
+    QTest::newRow("startup 1") << QByteArray("('enable_startup', 1)") << QStringList();
+    QTest::newRow("field name is no key") << QByteArray("('use_bw_icon', 1)") << QStringList();
+    QTest::newRow("key case differs") << QByteArray("('Sync_Mode', 3)") << QStringList();
     QTest::newRow("unrelated keys")
-        << QByteArray("('target_client_version', '3.1'), ('user_use_proxy', 1)") << QVariantMap();
+        << QByteArray("('target_client_version', '3.1'), ('user_use_proxy', 1)") << QStringList();
     QTest::newRow("every key")
         << QByteArray("('enable_desktop_notification', 0), ('enable_iconoverlay', 0),"
                       "('enable_filtered_iconoverlay', 0), ('enable_context_menu', 0),"
                       "('enable_startup', 0), ('use_black_white_icon', 1), ('show_tutorial', 0),"
                       "('sync_mode', 1), ('open_folder', '/srv/q')")
-        << QVariantMap({{"enable_desktop_notification", false},
-                        {"enable_iconoverlay", false},
-                        {"enable_filtered_iconoverlay", false},
-                        {"enable_context_menu", false},
-                        {"enable_startup", false},
-                        {"use_bw_icon", true},
-                        {"show_tutorial", false},
-                        {"sync_mode", 1},
-                        {"open_folder", QByteArray("/srv/q")}});
+        << QStringList{"enable_desktop_notification=0",
+                       "enable_iconoverlay=0",
+                       "enable_filtered_iconoverlay=0",
+                       "enable_context_menu=0",
+                       "enable_startup=0",
+                       "use_black_white_icon=1",
+                       "show_tutorial=0",
+                       "sync_mode=1",
+                       "open_folder=/srv/q"};
 }
 
 void TestSystemDB::generalOptionsFromRows() {
     QFETCH(QByteArray, rows);
-    QFETCH(QVariantMap, expected);
+    QFETCH(QStringList, changed);
 
     const QString file = path("sys.sqlite");
     QCOMPARE(openFresh("sys.sqlite"), 0);
     if (!rows.isEmpty()) {
         Connection client(file);
-        const QByteArray sql = rows.startsWith("DELETE")
-                                   ? rows
-                                   : "INSERT INTO system_table (key, value) VALUES " + rows + ";";
-        QVERIFY2(client.exec(sql), qPrintable(client.error));
+        QVERIFY2(client.exec("INSERT INTO system_table (key, value) VALUES " + rows + ";"),
+                 qPrintable(client.error));
     }
 
     GeneralOptions options;
     QCOMPARE(SystemDB::getGeneralOptions(options), 0);
-    compareOptions(options, withOverrides(expected));
+    QCOMPARE(describe(options), optionsWith(changed));
     QVERIFY(hasLine(newLog(), "DEBUG", QStringLiteral("getGeneralOptions")));
 }
 
-void TestSystemDB::closedDatabaseFailsCleanly_data() {
-    QTest::addColumn<bool>("openedBefore");
-    QTest::newRow("never opened") << false;
-    QTest::newRow("destroyed") << true;
-}
-
-// Callers may ignore a failed open; every query then fails and leaves the
-// caller's records as they were.
+// Callers may ignore a failed open; once closed, every query fails and
+// leaves the caller's records as they were.
 void TestSystemDB::closedDatabaseFailsCleanly() {
-    QFETCH(bool, openedBefore);
-    if (openedBefore) {
-        QCOMPARE(openFresh("sys.sqlite"), 0);
-        SystemDB::destroy();
-        log_mark = QFileInfo(log_dir.filePath(QStringLiteral("db.log"))).size();
-    }
+    QCOMPARE(openFresh("sys.sqlite"), 0);
+    SystemDB::destroy();
+    log_mark = QFileInfo(log_dir.filePath(QStringLiteral("db.log"))).size();
 
     GeneralOptions options;
     options.sync_mode = 9;
     options.use_bw_icon = true;
     options.open_folder = "/keep";
     QCOMPARE(SystemDB::getGeneralOptions(options), -1);
-    compareOptions(options, withOverrides({{"sync_mode", 9},
-                                           {"use_bw_icon", true},
-                                           {"open_folder", QByteArray("/keep")}}));
+    QCOMPARE(describe(options),
+             optionsWith({"use_black_white_icon=1", "sync_mode=9", "open_folder=/keep"}));
 
     ProxyInfo proxy = filledProxy();
     QCOMPARE(SystemDB::getUserProxyInfo(proxy), -1);
@@ -873,26 +770,30 @@ void TestSystemDB::closedDatabaseFailsCleanly() {
     QVERIFY(
         hasLine(log, "ERROR",
                 QStringLiteral("setProxyInfo fail ret = 21 bad parameter or other API misuse")));
+
+    // Nothing of the closed connection is left to stand in the way of a new one.
+    QCOMPARE(openFresh("sys.sqlite"), 0);
+    QCOMPARE(SystemDB::getGeneralOptions(options), 0);
 }
 
 void TestSystemDB::generalOptionsRoundTrip() {
     const QString file = path("sys.sqlite");
     QCOMPARE(openFresh("sys.sqlite"), 0);
 
-    const GeneralOptions written =
-        withOverrides({{"enable_desktop_notification", false},
-                       {"enable_iconoverlay", false},
-                       {"enable_filtered_iconoverlay", false},
-                       {"enable_context_menu", false},
-                       {"enable_startup", false},
-                       {"use_bw_icon", true},
-                       {"show_tutorial", false},
-                       {"sync_mode", 5},
-                       {"open_folder", QByteArray("/home/o'neil/\xc3\xa7")}});
+    GeneralOptions written;
+    written.enable_desktop_notification = false;
+    written.enable_iconoverlay = false;
+    written.enable_filtered_iconoverlay = false;
+    written.enable_context_menu = false;
+    written.enable_startup = false;
+    written.use_bw_icon = true;
+    written.show_tutorial = false;
+    written.sync_mode = 5;
+    written.open_folder = "/home/o'neil/\xc3\xa7";
     QCOMPARE(SystemDB::setGeneralOptions(written), 0);
     GeneralOptions read;
     QCOMPARE(SystemDB::getGeneralOptions(read), 0);
-    compareOptions(read, written);
+    QCOMPARE(describe(read), describe(written));
 
     // The rows are the ones the client reads, under the client's key names.
     Connection client(file);
@@ -905,24 +806,18 @@ void TestSystemDB::generalOptionsRoundTrip() {
 
     // Writing again replaces the values despite the table ignoring plain
     // inserts of existing keys.
-    const GeneralOptions again = documentedDefaults();
-    QCOMPARE(SystemDB::setGeneralOptions(again), 0);
+    QCOMPARE(SystemDB::setGeneralOptions(GeneralOptions()), 0);
     GeneralOptions reread = written;
     QCOMPARE(SystemDB::getGeneralOptions(reread), 0);
-    compareOptions(reread, again);
+    QCOMPARE(describe(reread), optionsWith());
 }
 
 void TestSystemDB::proxyRoundTrip_data() {
     QTest::addColumn<QByteArray>("password");
 
-    QTest::newRow("plain") << QByteArray("s3cret");
-    QTest::newRow("quotes") << QByteArray("it's \"quoted\"");
     QTest::newRow("format characters") << QByteArray("%s%d%n%%");
     QTest::newRow("sql") << QByteArray("x'); DROP TABLE system_table; --");
-    QTest::newRow("utf-8") << QByteArray("p\xc3\xa4sswo\xcc\x88rd\xe2\x82\xac");
     QTest::newRow("not utf-8") << QByteArray("\xff\xfe\x80");
-    QTest::newRow("blanks kept") << QByteArray("  padded \t");
-    QTest::newRow("backslashes") << QByteArray("a\\b\\\\c");
     QTest::newRow("embedded NUL") << QByteArray("a\0b", 3);
     QTest::newRow("empty") << QByteArray("");
 }
@@ -941,6 +836,12 @@ void TestSystemDB::proxyRoundTrip() {
     ProxyInfo written = filledProxy();
     written.password = password.toStdString();
     QCOMPARE(SystemDB::setUserProxyInfo(written), 0);
+    // The settings are logged, the password never.
+    const QByteArray log = newLog();
+    QVERIFY(log.contains("setUserProxyInfo: use_proxy: true"));
+    QVERIFY(log.contains("10.1.2.3"));
+    if (!password.isEmpty())
+        QVERIFY(!log.contains(password));
 
     ProxyInfo read;
     QCOMPARE(SystemDB::getUserProxyInfo(read), 0);
@@ -968,70 +869,30 @@ void TestSystemDB::proxyRoundTrip() {
 }
 
 void TestSystemDB::proxyInfoValueSemantics_data() {
-    QTest::addColumn<int>("field");
-    const char *names[] = {"use_proxy", "use_sys_proxy", "proxy_ip", "proxy_port", "user_name",
-                           "password",  "domain",        "host",     "auth_type"};
-    for (int i = 0; i < 9; ++i)
-        QTest::newRow(names[i]) << i;
+    QTest::addColumn<ProxyChange>("change");
+    QTest::newRow("use_proxy") << ProxyChange([](ProxyInfo &p) { p.use_proxy = false; });
+    QTest::newRow("use_sys_proxy") << ProxyChange([](ProxyInfo &p) { p.use_sys_proxy = false; });
+    QTest::newRow("proxy_ip") << ProxyChange([](ProxyInfo &p) { p.proxy_ip += "0"; });
+    QTest::newRow("proxy_port") << ProxyChange([](ProxyInfo &p) { p.proxy_port = 8080; });
+    QTest::newRow("user_name") << ProxyChange([](ProxyInfo &p) { p.user_name = "other"; });
+    QTest::newRow("password") << ProxyChange([](ProxyInfo &p) { p.password = "other"; });
+    QTest::newRow("domain") << ProxyChange([](ProxyInfo &p) { p.domain = "OTHER"; });
+    QTest::newRow("host") << ProxyChange([](ProxyInfo &p) { p.host = "other.example"; });
+    QTest::newRow("auth_type") << ProxyChange(
+        [](ProxyInfo &p) { p.auth_type = ProxyInfo::AUTH_BASIC; });
 }
 
-// Equality must look at every field, or a changed setting would go unnoticed.
+// Equality must look at every field, or a changed setting would go unnoticed
+// (and the round trips above would prove nothing).
 void TestSystemDB::proxyInfoValueSemantics() {
-    QFETCH(int, field);
+    QFETCH(ProxyChange, change);
 
     const ProxyInfo a = filledProxy();
     ProxyInfo b(a);
     QVERIFY(a == b);
-    QVERIFY(!(a != b));
-    switch (field) {
-    case 0:
-        b.use_proxy = false;
-        break;
-    case 1:
-        b.use_sys_proxy = false;
-        break;
-    case 2:
-        b.proxy_ip += "0";
-        break;
-    case 3:
-        b.proxy_port = 8080;
-        break;
-    case 4:
-        b.user_name = "other";
-        break;
-    case 5:
-        b.password = "other";
-        break;
-    case 6:
-        b.domain = "OTHER";
-        break;
-    case 7:
-        b.host = "other.example";
-        break;
-    default:
-        b.auth_type = ProxyInfo::AUTH_BASIC;
-        break;
-    }
+    change(b);
     QVERIFY(a != b);
     QVERIFY(!(a == b));
-    b = a;
-    QVERIFY(a == b);
-
-    b.clear();
-    QCOMPARE(b.use_proxy, false);
-    QCOMPARE(b.use_sys_proxy, false);
-    QCOMPARE(b.proxy_port, uint16_t(0));
-    QVERIFY(b.proxy_ip.empty() && b.user_name.empty() && b.password.empty() && b.domain.empty() &&
-            b.host.empty());
-    QCOMPARE(b.auth_type, ProxyInfo::AUTH_AUTO);
-    QVERIFY(b == ProxyInfo());
-
-    // For the log: the settings, but never the password.
-    const std::string text = a.toString();
-    QVERIFY(text.find("10.1.2.3") != std::string::npos);
-    QVERIFY(text.find("3128") != std::string::npos);
-    QVERIFY(text.find("proxy.corp.example") != std::string::npos);
-    QVERIFY(text.find(a.password) == std::string::npos);
 }
 
 // Statements of the one connection never interleave: a reader always sees

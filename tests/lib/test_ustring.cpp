@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <limits>
 #include <new>
 #include <sstream>
@@ -73,13 +74,19 @@ bool isOneWarning(const QByteArray &text, const char *function) {
     return re.match(QString::fromLatin1(text)).hasMatch();
 }
 
+// One way of making a string, and one change of a string's text.
+using Make = std::function<ustring()>;
+using Change = std::function<void(ustring &)>;
+
 } // namespace
+
+Q_DECLARE_METATYPE(Make)
+Q_DECLARE_METATYPE(Change)
 
 class TestUstring : public QObject {
     Q_OBJECT
 
 private slots:
-    void defaultString();
     void construction_data();
     void construction();
     void utf8Validity_data();
@@ -107,71 +114,40 @@ private slots:
     void substr_data();
     void substr();
     void replaceBytes();
-    void repeatedAndSingleCharacters();
     void concatenation();
     void streams();
     void swapExchangesEverything();
 };
 
-void TestUstring::defaultString() {
-    const ustring s;
-    QCOMPARE(s.capacity(), size_t(4));
-    QCOMPARE(s.wcapacity(), size_t(4));
-    QCOMPARE(s.length(), size_t(0));
-    QVERIFY(s.empty());
-    QVERIFY(s.c_str() != nullptr);
-    QCOMPARE(s.c_str()[0], '\0');
-    QVERIFY(s.c_str_utf16() != nullptr);
-    QCOMPARE(s.c_str_utf16()[0], uchar16_t(0));
-}
-
-// kind: how the string is made; input: the argument (for "utf16" its UTF-8
-// form, handed over as UTF-16).
 void TestUstring::construction_data() {
-    QTest::addColumn<QString>("kind");
-    QTest::addColumn<QByteArray>("input");
+    QTest::addColumn<Make>("make");
     QTest::addColumn<QByteArray>("expected");
 
-    QTest::newRow("pointer ascii") << "pointer" << QByteArray("hello") << QByteArray("hello");
-    QTest::newRow("pointer accented")
-        << "pointer" << QByteArray("zo\xc3\xab") << QByteArray("zo\xc3\xab");
-    QTest::newRow("pointer empty") << "pointer" << QByteArray("") << QByteArray("");
-    QTest::newRow("std::string") << "std::string" << QByteArray("/home/u") << QByteArray("/home/u");
+    QTest::newRow("default") << Make([] { return ustring(); }) << QByteArray();
+    QTest::newRow("pointer") << Make([] { return ustring("zo\xc3\xab"); })
+                             << QByteArray("zo\xc3\xab");
+    QTest::newRow("pointer empty") << Make([] { return ustring(""); }) << QByteArray();
     QTest::newRow("std::string stops at NUL")
-        << "std::string" << QByteArray("ab\0cd", 5) << QByteArray("ab");
-    QTest::newRow("char") << "char" << QByteArray("x") << QByteArray("x");
-    QTest::newRow("char NUL") << "char" << QByteArray("\0", 1) << QByteArray("");
-    QTest::newRow("utf16 bmp") << "utf16" << QByteArray("\xe6\x97\xa5\xe6\x9c\xac")
-                               << QByteArray("\xe6\x97\xa5\xe6\x9c\xac");
+        << Make([] { return ustring(std::string("ab\0cd", 5)); }) << QByteArray("ab");
+    QTest::newRow("char") << Make([] { return ustring('x'); }) << QByteArray("x");
+    QTest::newRow("char NUL") << Make([] { return ustring('\0'); }) << QByteArray();
+    QTest::newRow("utf16") << Make([] { return ustring(u"\u65e5\u672c"); })
+                           << QByteArray("\xe6\x97\xa5\xe6\x9c\xac");
     QTest::newRow("utf16 surrogate pair")
-        << "utf16" << QByteArray("a\xf0\x9f\x98\x80") << QByteArray("a\xf0\x9f\x98\x80");
-    QTest::newRow("copy") << "copy" << QByteArray("copy \xc3\xa9") << QByteArray("copy \xc3\xa9");
+        << Make([] { return ustring(u"a\U0001F600"); }) << QByteArray("a\xf0\x9f\x98\x80");
+    QTest::newRow("copy") << Make([] {
+        const ustring original("copy \xc3\xa9");
+        return ustring(original);
+    }) << QByteArray("copy \xc3\xa9");
 }
 
 void TestUstring::construction() {
-    QFETCH(QString, kind);
-    QFETCH(QByteArray, input);
+    QFETCH(Make, make);
     QFETCH(QByteArray, expected);
 
-    const std::string raw(input.constData(), size_t(input.size()));
-    const QString text = QString::fromUtf8(input);
-    ustring s;
-    if (kind == QLatin1String("pointer")) {
-        s = ustring(input.constData());
-    } else if (kind == QLatin1String("std::string")) {
-        s = ustring(raw);
-    } else if (kind == QLatin1String("char")) {
-        s = ustring(input.at(0));
-    } else if (kind == QLatin1String("utf16")) {
-        s = ustring(reinterpret_cast<const uchar16_t *>(text.utf16()));
-    } else {
-        const ustring original(input.constData());
-        s = ustring(original);
-    }
+    const ustring s = make();
     QCOMPARE(bytes(s), expected);
     QCOMPARE(std::strlen(s.c_str()), s.length());
-    QCOMPARE(s.size(), s.length());
-    QCOMPARE(s.c_str_utf8(), s.c_str());
     QCOMPARE(utf16(s), QString::fromUtf8(expected));
 }
 
@@ -180,20 +156,13 @@ void TestUstring::utf8Validity_data() {
     QTest::addColumn<bool>("valid");
 
     QTest::newRow("empty") << QByteArray("") << true;
-    QTest::newRow("ascii") << QByteArray("plain") << true;
     QTest::newRow("two bytes") << QByteArray("\xc3\xa9") << true;
-    QTest::newRow("three bytes") << QByteArray("\xe2\x82\xac") << true;
     QTest::newRow("four bytes") << QByteArray("\xf0\x9f\x98\x80") << true;
-    QTest::newRow("noncharacter U+FFFF") << QByteArray("\xef\xbf\xbf") << true;
-    QTest::newRow("last code point") << QByteArray("\xf4\x8f\xbf\xbf") << true;
     QTest::newRow("stray continuation") << QByteArray("a\x80") << false;
     QTest::newRow("truncated at end") << QByteArray("ab\xe2\x82") << false;
-    QTest::newRow("truncated before ascii") << QByteArray("a\xc3(") << false;
     QTest::newRow("overlong NUL") << QByteArray("\xc0\x80") << false;
-    QTest::newRow("overlong slash") << QByteArray("\xe0\x80\xaf") << false;
     QTest::newRow("encoded surrogate") << QByteArray("\xed\xa0\x80") << false;
     QTest::newRow("beyond U+10FFFF") << QByteArray("\xf4\x90\x80\x80") << false;
-    QTest::newRow("byte FF") << QByteArray("x\xff") << false;
 }
 
 void TestUstring::utf8Validity() {
@@ -227,7 +196,6 @@ void TestUstring::malformedUtf16_data() {
     QTest::newRow("lone high surrogate") << QString(QChar(0xD800));
     QTest::newRow("lone low surrogate") << QString(QChar(0xDC00));
     QTest::newRow("high then letter") << (QString(QChar(0xD83D)) + QLatin1Char('a'));
-    QTest::newRow("text then lone high") << (QStringLiteral("ok") + QChar(0xDBFF));
 }
 
 // Text that has no UTF-8 form leaves the whole string empty, whether it was
@@ -260,17 +228,8 @@ void TestUstring::normalization_data() {
 
     QTest::newRow("precomposed e acute") << QByteArray("caf\xc3\xa9") << QByteArray("cafe\xcc\x81")
                                          << QByteArray("caf\xc3\xa9") << false;
-    QTest::newRow("decomposed e acute") << QByteArray("cafe\xcc\x81") << QByteArray("cafe\xcc\x81")
-                                        << QByteArray("caf\xc3\xa9") << false;
-    QTest::newRow("A ring") << QByteArray("\xc3\x85") << QByteArray("A\xcc\x8a")
-                            << QByteArray("\xc3\x85") << false;
     QTest::newRow("angstrom sign is a singleton")
         << QByteArray("\xe2\x84\xab") << QByteArray("A\xcc\x8a") << QByteArray("\xc3\x85") << false;
-    QTest::newRow("hangul syllable")
-        << QByteArray("\xed\x95\x9c") << QByteArray("\xe1\x84\x92\xe1\x85\xa1\xe1\x86\xab")
-        << QByteArray("\xed\x95\x9c") << false;
-    QTest::newRow("ascii") << QByteArray("path/to") << QByteArray("path/to")
-                           << QByteArray("path/to") << false;
     QTest::newRow("empty") << QByteArray("") << QByteArray("") << QByteArray("") << false;
     QTest::newRow("malformed") << QByteArray("a\xff") << QByteArray("") << QByteArray("") << true;
 }
@@ -302,62 +261,47 @@ void TestUstring::normalization() {
 // Every change of the text must drop a UTF-16 copy made before it; a stale
 // copy would hand the old text to whoever asks for UTF-16.
 void TestUstring::changesDropUtf16Copy_data() {
-    QTest::addColumn<QString>("operation");
+    QTest::addColumn<Change>("change");
     QTest::addColumn<QByteArray>("expected");
 
     const QByteArray start("h\xc3\xa9llo w\xc3\xb6rld ");
-    QTest::newRow("append") << "append" << start + "and more";
-    QTest::newRow("append self") << "append self" << start + start;
-    QTest::newRow("operator+=") << "+=" << start + "!";
-    QTest::newRow("append utf16") << "append utf16" << start + "\xe2\x82\xac";
-    QTest::newRow("append char") << "append char" << start + "--";
-    QTest::newRow("assign") << "assign" << QByteArray("other");
-    QTest::newRow("assign utf16") << "assign utf16" << QByteArray("\xc3\xa9t\xc3\xa9");
-    QTest::newRow("replace") << "replace" << QByteArray("h\xc3\xa9llo_w\xc3\xb6rld_");
-    QTest::newRow("rtrim") << "rtrim" << QByteArray("h\xc3\xa9llo w\xc3\xb6rld");
-    QTest::newRow("ltrim") << "ltrim" << QByteArray("llo w\xc3\xb6rld ");
-    QTest::newRow("clear") << "clear" << QByteArray();
-    QTest::newRow("index write") << "index" << QByteArray("H\xc3\xa9llo w\xc3\xb6rld ");
-    QTest::newRow("stream input") << "stream" << QByteArray("word");
+    QTest::newRow("append") << Change([](ustring &s) { s.append("and more"); })
+                            << start + "and more";
+    QTest::newRow("append counted")
+        << Change([](ustring &s) { s.append("xyz", 2); }) << start + "xy";
+    QTest::newRow("append self") << Change([](ustring &s) { s.append(s); }) << start + start;
+    QTest::newRow("append utf16") << Change([](ustring &s) { s.append(u"\u20ac"); })
+                                  << start + "\xe2\x82\xac";
+    QTest::newRow("append units") << Change([](ustring &s) { s.append(2, u'\u00e9'); })
+                                  << start + "\xc3\xa9\xc3\xa9";
+    QTest::newRow("append chars") << Change([](ustring &s) { s.append(2, '-'); }) << start + "--";
+    QTest::newRow("assign") << Change([](ustring &s) { s.assign("other"); }) << QByteArray("other");
+    QTest::newRow("assign counted")
+        << Change([](ustring &s) { s.assign("abcdef", 4); }) << QByteArray("abcd");
+    QTest::newRow("assign utf16 counted")
+        << Change([](ustring &s) { s.assign(u"\u00e9t\u00e9", 2); }) << QByteArray("\xc3\xa9t");
+    QTest::newRow("assign units") << Change([](ustring &s) { s.assign(2, u'\u20ac'); })
+                                  << QByteArray("\xe2\x82\xac\xe2\x82\xac");
+    QTest::newRow("assign no chars")
+        << Change([](ustring &s) { s.assign(0, 'x'); }) << QByteArray();
+    QTest::newRow("replace") << Change([](ustring &s) { s.replace(' ', '_'); })
+                             << QByteArray("h\xc3\xa9llo_w\xc3\xb6rld_");
+    QTest::newRow("rtrim") << Change([](ustring &s) { s.rtrim(" "); })
+                           << QByteArray("h\xc3\xa9llo w\xc3\xb6rld");
+    QTest::newRow("ltrim") << Change([](ustring &s) { s.ltrim("h\xc3\xa9"); })
+                           << QByteArray("llo w\xc3\xb6rld ");
+    QTest::newRow("clear") << Change([](ustring &s) { s.clear(); }) << QByteArray();
+    QTest::newRow("index write") << Change([](ustring &s) { s[0] = 'H'; })
+                                 << QByteArray("H\xc3\xa9llo w\xc3\xb6rld ");
 }
 
 void TestUstring::changesDropUtf16Copy() {
-    QFETCH(QString, operation);
+    QFETCH(Change, change);
     QFETCH(QByteArray, expected);
 
     ustring s("h\xc3\xa9llo w\xc3\xb6rld ");
     QCOMPARE(utf16(s), QString::fromUtf8("h\xc3\xa9llo w\xc3\xb6rld "));
-
-    if (operation == QLatin1String("append")) {
-        s.append("and more");
-    } else if (operation == QLatin1String("append self")) {
-        s.append(s);
-    } else if (operation == QLatin1String("+=")) {
-        s += "!";
-    } else if (operation == QLatin1String("append utf16")) {
-        s.append(u"\u20ac");
-    } else if (operation == QLatin1String("append char")) {
-        s.append(2, '-');
-    } else if (operation == QLatin1String("assign")) {
-        s.assign("other");
-    } else if (operation == QLatin1String("assign utf16")) {
-        s.assign(u"\u00e9t\u00e9");
-    } else if (operation == QLatin1String("replace")) {
-        s.replace(' ', '_');
-    } else if (operation == QLatin1String("rtrim")) {
-        s.rtrim(" ");
-    } else if (operation == QLatin1String("ltrim")) {
-        s.ltrim("h\xc3\xa9");
-    } else if (operation == QLatin1String("clear")) {
-        s.clear();
-    } else if (operation == QLatin1String("index")) {
-        s[0] = 'H';
-    } else if (operation == QLatin1String("stream")) {
-        std::istringstream in("word");
-        in >> s;
-    } else {
-        QFAIL("unknown operation");
-    }
+    change(s);
     QCOMPARE(bytes(s), expected);
     QCOMPARE(utf16(s), QString::fromUtf8(expected));
 }
@@ -486,38 +430,16 @@ void TestUstring::search_data() {
     QTest::addColumn<qulonglong>("pos");
     QTest::addColumn<qulonglong>("expected");
 
-    const QByteArray hw("hello world");            // h0 e1 l2 l3 o4 _5 w6 o7 r8 l9 d10
-    const QByteArray zoe("zo\xc3\xab zo\xc3\xab"); // z0 o1 e2-3 _4 z5 o6 e7-8
+    const QByteArray hw("hello world"); // h0 e1 l2 l3 o4 _5 w6 o7 r8 l9 d10
     const qulonglong none = npos;
 
-    QTest::newRow("find") << "find" << hw << QByteArray("o") << 0ULL << 4ULL;
     QTest::newRow("find from pos") << "find" << hw << QByteArray("o") << 5ULL << 7ULL;
     QTest::newRow("find word") << "find" << hw << QByteArray("world") << 0ULL << 6ULL;
-    QTest::newRow("find missing") << "find" << hw << QByteArray("xyz") << 0ULL << none;
-    QTest::newRow("find after last") << "find" << hw << QByteArray("world") << 7ULL << none;
     QTest::newRow("find beyond end") << "find" << hw << QByteArray("o") << 20ULL << none;
-    QTest::newRow("find empty needle") << "find" << hw << QByteArray("") << 3ULL << 3ULL;
-    QTest::newRow("find multibyte") << "find" << zoe << QByteArray("\xc3\xab") << 0ULL << 2ULL;
-    QTest::newRow("find in empty") << "find" << QByteArray() << QByteArray("a") << 0ULL << none;
-    QTest::newRow("rfind") << "rfind" << hw << QByteArray("o") << none << 7ULL;
     QTest::newRow("rfind before pos") << "rfind" << hw << QByteArray("o") << 6ULL << 4ULL;
-    QTest::newRow("rfind at start") << "rfind" << hw << QByteArray("hello") << none << 0ULL;
-    QTest::newRow("rfind missing") << "rfind" << hw << QByteArray("z") << none << none;
-    QTest::newRow("rfind multibyte") << "rfind" << zoe << QByteArray("\xc3\xab") << none << 7ULL;
-    QTest::newRow("first_of") << "find_first_of" << hw << QByteArray("ol") << 0ULL << 2ULL;
     QTest::newRow("first_of from pos") << "find_first_of" << hw << QByteArray("ol") << 5ULL << 7ULL;
-    QTest::newRow("first_of missing") << "find_first_of" << hw << QByteArray("xyz") << 0ULL << none;
-    QTest::newRow("first_of lead byte")
-        << "find_first_of" << zoe << QByteArray("\xc3") << 0ULL << 2ULL;
-    QTest::newRow("first_not_of") << "find_first_not_of" << hw << QByteArray("hel") << 0ULL << 4ULL;
-    QTest::newRow("first_not_of none")
-        << "find_first_not_of" << hw << QByteArray("helo wrd") << 0ULL << none;
-    QTest::newRow("last_of") << "find_last_of" << hw << QByteArray("lo") << none << 9ULL;
-    QTest::newRow("last_of before pos") << "find_last_of" << hw << QByteArray("lo") << 8ULL << 7ULL;
-    QTest::newRow("last_of missing") << "find_last_of" << hw << QByteArray("q") << none << none;
-    QTest::newRow("last_not_of") << "find_last_not_of" << hw << QByteArray("dl") << none << 8ULL;
-    QTest::newRow("last_not_of none")
-        << "find_last_not_of" << hw << QByteArray("helo wrd") << none << none;
+    QTest::newRow("first_not_of") << "find_first_not_of" << hw << QByteArray("h") << 0ULL << 1ULL;
+    QTest::newRow("last_of") << "find_last_of" << hw << QByteArray("l") << none << 9ULL;
     QTest::newRow("last_not_of before pos")
         << "find_last_not_of" << hw << QByteArray("o") << 7ULL << 6ULL;
 }
@@ -574,8 +496,6 @@ void TestUstring::trim_data() {
                                 << QByteArray("a b");
     QTest::newRow("letters") << QByteArray("xxabxx") << QByteArray("x") << QByteArray("abxx")
                              << QByteArray("xxab") << QByteArray("ab");
-    QTest::newRow("nothing to drop") << QByteArray("abc") << QByteArray("x") << QByteArray("abc")
-                                     << QByteArray("abc") << QByteArray("abc");
     QTest::newRow("everything dropped")
         << QByteArray("aaaa") << QByteArray("a") << QByteArray() << QByteArray() << QByteArray();
     QTest::newRow("empty set") << QByteArray("  a  ") << QByteArray() << QByteArray("  a  ")
@@ -657,41 +577,25 @@ void TestUstring::bufferCapacity() {
     QCOMPARE(s.wcapacity(), size_t(wcapacity));
 }
 
+// Sizes beyond memory, or beyond what size_t holds: the request fails
+// before anything is changed.
 void TestUstring::allocationFailureKeepsText_data() {
-    QTest::addColumn<QString>("operation");
-    QTest::addColumn<qulonglong>("count");
+    QTest::addColumn<Change>("change");
 
-    const qulonglong beyond_memory = std::numeric_limits<size_t>::max() / 4;
-    const qulonglong wraps = std::numeric_limits<size_t>::max();
-    QTest::newRow("assign bytes") << "assign char" << beyond_memory;
-    QTest::newRow("append bytes") << "append char" << beyond_memory;
-    QTest::newRow("append bytes, size wraps") << "append char" << wraps;
-    QTest::newRow("assign units") << "assign unit" << beyond_memory;
-    QTest::newRow("assign units, size wraps") << "assign unit" << wraps;
-    QTest::newRow("append units") << "append unit" << beyond_memory;
+    static const size_t beyond_memory = std::numeric_limits<size_t>::max() / 4;
+    static const size_t wraps = std::numeric_limits<size_t>::max();
+    QTest::newRow("assign bytes") << Change([](ustring &s) { s.assign(beyond_memory, 'x'); });
+    QTest::newRow("append bytes, size wraps") << Change([](ustring &s) { s.append(wraps, 'x'); });
+    QTest::newRow("assign units") << Change([](ustring &s) { s.assign(beyond_memory, u'e'); });
+    QTest::newRow("append units") << Change([](ustring &s) { s.append(beyond_memory, u'e'); });
 }
 
 void TestUstring::allocationFailureKeepsText() {
-    QFETCH(QString, operation);
-    QFETCH(qulonglong, count);
-    const size_t n = size_t(count);
+    QFETCH(Change, change);
 
     ustring s("keep \xc3\xa9");
     QCOMPARE(utf16(s), QString::fromUtf8("keep \xc3\xa9"));
-    bool thrown = false;
-    try {
-        if (operation == QLatin1String("assign char"))
-            s.assign(n, 'x');
-        else if (operation == QLatin1String("append char"))
-            s.append(n, 'x');
-        else if (operation == QLatin1String("assign unit"))
-            s.assign(n, u'\u00e9');
-        else
-            s.append(n, u'\u00e9');
-    } catch (const std::bad_alloc &) {
-        thrown = true;
-    }
-    QVERIFY(thrown);
+    QVERIFY_EXCEPTION_THROWN(change(s), std::bad_alloc);
     QCOMPARE(bytes(s), QByteArray("keep \xc3\xa9"));
     QCOMPARE(utf16(s), QString::fromUtf8("keep \xc3\xa9"));
     s.append("!");
@@ -738,33 +642,6 @@ void TestUstring::replaceBytes() {
     QCOMPARE(std::strlen(s.c_str()), s.length());
 }
 
-void TestUstring::repeatedAndSingleCharacters() {
-    ustring s;
-    s.assign(3, 'x');
-    QCOMPARE(bytes(s), QByteArray("xxx"));
-    s.append(2, '-');
-    QCOMPARE(bytes(s), QByteArray("xxx--"));
-    s.assign(2, u'\u00e9');
-    QCOMPARE(bytes(s), QByteArray("\xc3\xa9\xc3\xa9"));
-    s.append(1, u'\u20ac');
-    QCOMPARE(bytes(s), QByteArray("\xc3\xa9\xc3\xa9\xe2\x82\xac"));
-    s += 'z';
-    s += u'\u00fc';
-    QCOMPARE(bytes(s), QByteArray("\xc3\xa9\xc3\xa9\xe2\x82\xacz\xc3\xbc"));
-    s = 'q';
-    QCOMPARE(bytes(s), QByteArray("q"));
-    s = u'\u00e7';
-    QCOMPARE(bytes(s), QByteArray("\xc3\xa7"));
-    s.assign(0, 'x');
-    QVERIFY(s.empty());
-    s.assign(u"\u00e9\u00e8", 1);
-    QCOMPARE(bytes(s), QByteArray("\xc3\xa9"));
-    s.assign("abcdef", 4);
-    QCOMPARE(bytes(s), QByteArray("abcd"));
-    s.append("xyz", 2);
-    QCOMPARE(bytes(s), QByteArray("abcdxy"));
-}
-
 void TestUstring::concatenation() {
     const ustring base("ab");
     QCOMPARE(bytes(base + ustring("cd")), QByteArray("abcd"));
@@ -795,26 +672,17 @@ void TestUstring::streams() {
     QCOMPARE(bytes(third), QByteArray("untouched"));
 }
 
+// Both texts and their UTF-16 copies change hands.
 void TestUstring::swapExchangesEverything() {
     ustring a("first \xc3\xa9 and a longer text");
     ustring b("second");
     QCOMPARE(utf16(a), QString::fromUtf8("first \xc3\xa9 and a longer text"));
-    const size_t a_cap = a.capacity();
-    const size_t a_wcap = a.wcapacity();
-    const size_t b_cap = b.capacity();
 
     swap(a, b);
     QCOMPARE(bytes(a), QByteArray("second"));
     QCOMPARE(bytes(b), QByteArray("first \xc3\xa9 and a longer text"));
-    QCOMPARE(a.capacity(), b_cap);
-    QCOMPARE(b.capacity(), a_cap);
-    QCOMPARE(b.wcapacity(), a_wcap);
     QCOMPARE(utf16(a), QStringLiteral("second"));
     QCOMPARE(utf16(b), QString::fromUtf8("first \xc3\xa9 and a longer text"));
-
-    a.swap(b);
-    QCOMPARE(bytes(a), QByteArray("first \xc3\xa9 and a longer text"));
-    QCOMPARE(utf16(b), QStringLiteral("second"));
 }
 
 QTEST_GUILESS_MAIN(TestUstring)
