@@ -226,11 +226,6 @@ void TestUpdateQuerier::answers_data() {
     QTest::addColumn<bool>("delivered");
 
     QTest::newRow("empty object") << 200 << QByteArray() << QByteArray("{}") << true;
-    QTest::newRow("update answer")
-        << 200 << QByteArray()
-        << QByteArray(R"({"updater":{"name":"u.bin","url":"http://h/u","checksum":"00",)"
-                      R"("need_user_permit":true},"updater_args":["--x"]})")
-        << true;
     QTest::newRow("status 202 is not examined")
         << 202 << QByteArray() << QByteArray("{\"a\":1}") << true;
     QTest::newRow("status 300 without target is not examined")
@@ -240,7 +235,6 @@ void TestUpdateQuerier::answers_data() {
     QTest::newRow("array") << 200 << QByteArray() << QByteArray("[]") << false;
     QTest::newRow("empty body") << 200 << QByteArray() << QByteArray() << false;
     QTest::newRow("invalid text") << 200 << QByteArray() << QByteArray("{\"updater\": ") << false;
-    QTest::newRow("bare string") << 200 << QByteArray() << QByteArray("\"updater\"") << false;
 }
 
 void TestUpdateQuerier::answers() {
@@ -284,7 +278,6 @@ void TestUpdateQuerier::redirectsCountedOverLifetime_data() {
 
     QTest::newRow("33 redirects are followed") << QList<int>{33} << false << true;
     QTest::newRow("the 34th redirect fails") << QList<int>{34} << false << false;
-    QTest::newRow("absolute locations, 34th fails") << QList<int>{34} << true << false;
     QTest::newRow("two queries share 33") << QList<int>{20, 13} << false << true;
     QTest::newRow("second query hits the 34th") << QList<int>{20, 14} << true << false;
 }
@@ -351,9 +344,6 @@ void TestUpdateQuerier::failures_data() {
     QTest::newRow("refused, no proxy") << "refused"
                                        << "none" << int(UpdateQuerier::NetworkError) << network
                                        << int(QNetworkReply::ConnectionRefusedError);
-    QTest::newRow("refused, proxy never set") << "refused"
-                                              << "unset" << int(UpdateQuerier::ProxyError) << proxy
-                                              << int(QNetworkReply::ConnectionRefusedError);
     QTest::newRow("timeout, no proxy") << "silence"
                                        << "none" << int(UpdateQuerier::NetworkError) << network
                                        << int(QNetworkReply::OperationCanceledError);
@@ -454,12 +444,10 @@ void TestUpdateQuerier::answerSizeIsBounded_data() {
 
     const int limit = int(UpdateQuerier::MAX_ANSWER_SIZE);
     QCOMPARE(limit, 1048576);
-    QTest::newRow("1 MiB - 1, length announced") << limit - 1 << "length" << -1 << true;
     QTest::newRow("1 MiB, length announced") << limit << "length" << -1 << true;
     QTest::newRow("1 MiB + 1, length announced") << limit + 1 << "length" << -1 << false;
     // Refused on the header alone: nothing of the body ever comes.
     QTest::newRow("2 MiB announced, nothing sent") << 2 * limit << "length" << 0 << false;
-    QTest::newRow("1 MiB - 1, chunked") << limit - 1 << "chunked" << -1 << true;
     QTest::newRow("1 MiB, chunked") << limit << "chunked" << -1 << true;
     QTest::newRow("1 MiB + 1, chunked") << limit + 1 << "chunked" << -1 << false;
     // Counted as it arrives: cut off without waiting for an end that the
@@ -513,11 +501,8 @@ void TestUpdateQuerier::unsafeRedirectsAreRefused_data() {
     QTest::addColumn<QString>("location");
     QTest::addColumn<bool>("refused");
 
-    QTest::newRow("to a local file") << "file:///etc/passwd" << true;
     // The network library would serve this one itself, as a valid answer.
     QTest::newRow("to a data: URL") << "data:application/json,%7B%22updater%22%3A%7B%7D%7D" << true;
-    QTest::newRow("to ftp") << "ftp://127.0.0.1/update" << true;
-    QTest::newRow("to a qrc: resource") << "qrc:/update.json" << true;
     QTest::newRow("to https is followed") << "https://127.0.0.1:<dead>/update?v=1" << false;
 }
 
@@ -567,8 +552,6 @@ void TestUpdateQuerier::isAllowedRedirect_data() {
                                   << "http://b/y" << true;
     QTest::newRow("http to https") << "http://a/x"
                                    << "https://b/y" << true;
-    QTest::newRow("https to https") << "https://a/x"
-                                    << "https://b/y?q=1" << true;
     QTest::newRow("https to http") << "https://a/x"
                                    << "http://a/x" << false;
     QTest::newRow("https to http, scheme in capitals") << "HTTPS://a/x"
@@ -579,8 +562,6 @@ void TestUpdateQuerier::isAllowedRedirect_data() {
                                    << "data:,{}" << false;
     QTest::newRow("http to ftp") << "http://a/x"
                                  << "ftp://a/x" << false;
-    QTest::newRow("http to qrc") << "http://a/x"
-                                 << "qrc:/x" << false;
     QTest::newRow("http to no scheme") << "http://a/x"
                                        << "/y" << false;
 }
