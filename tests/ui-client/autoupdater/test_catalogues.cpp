@@ -169,20 +169,9 @@ void TestCatalogues::catalogue() {
     for (const Message &msg : cat.messages) {
         sources.append(msg.source);
     }
-    if (sources != texts) {
-        int i = 0;
-        while (i < sources.size() && i < texts.size() && sources[i] == texts[i]) {
-            ++i;
-        }
-        QFAIL(
-            qPrintable(QStringLiteral("%1 messages, the table has %2 texts; first difference at "
-                                      "message %3 (%4 instead of %5); run tools/i18n/update_ts.py")
-                           .arg(sources.size())
-                           .arg(texts.size())
-                           .arg(i)
-                           .arg(i < sources.size() ? sources[i] : QStringLiteral("none"))
-                           .arg(i < texts.size() ? texts[i] : QStringLiteral("none"))));
-    }
+    if (sources != texts)
+        qWarning("%s.ts does not follow the table; run tools/i18n/update_ts.py", qPrintable(code));
+    QCOMPARE(sources, texts);
 
     const QSet<QString> allowed = allowList(code);
     QStringList problems;
