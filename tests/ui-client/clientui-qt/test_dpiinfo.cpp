@@ -28,15 +28,10 @@ void TestDPIinfo::scaleStyleSheet_data() {
     QTest::newRow("factor 1 leaves the sheet as written")
         << QStringLiteral("a { font-size: 12.0px; margin: 012px; border: .5px }") << 1.0
         << QStringLiteral("a { font-size: 12.0px; margin: 012px; border: .5px }");
-    QTest::newRow("progress dialog sheet at factor 1") << dialog << 1.0 << dialog;
     QTest::newRow("progress dialog sheet at factor 2")
         << dialog << 2.0 << QString(dialog).replace(QStringLiteral("12px"), QStringLiteral("24px"));
-    QTest::newRow("zero") << QStringLiteral("border: 0px;") << 2.0
-                          << QStringLiteral("border: 0px;");
     QTest::newRow("decimals") << QStringLiteral("border: 1.5px; margin: .5px; padding: 2.25px")
                               << 2.0 << QStringLiteral("border: 3px; margin: 1px; padding: 4.5px");
-    QTest::newRow("fractional result") << QStringLiteral("font-size: 13px; border: 1px") << 1.25
-                                       << QStringLiteral("font-size: 16.25px; border: 1.25px");
     QTest::newRow("several sizes in one declaration")
         << QStringLiteral("margin: 1px 2px 3px 4px;") << 1.5
         << QStringLiteral("margin: 1.5px 3px 4.5px 6px;");
@@ -78,11 +73,7 @@ void TestDPIinfo::scaleFactorForLogicalDpi_data() {
     QTest::newRow("standard density") << 96.0 << 1.0;
     QTest::newRow("a little off standard") << 100.0 << 1.0;
     QTest::newRow("125 %") << 120.0 << 1.25;
-    QTest::newRow("150 %") << 144.0 << 1.5;
-    QTest::newRow("175 %") << 168.0 << 1.75;
-    QTest::newRow("200 %") << 192.0 << 2.0;
     QTest::newRow("a little off 200 %") << 190.0 << 2.0;
-    QTest::newRow("300 %") << 288.0 << 3.0;
     QTest::newRow("below standard never shrinks") << 72.0 << 1.0;
     QTest::newRow("nothing reported") << 0.0 << 1.0;
     QTest::newRow("nonsense") << qQNaN() << 1.0;
@@ -110,8 +101,6 @@ void TestDPIinfo::getDPIFollowsTheScreen_data() {
         << "gui" << QStringList{} << QByteArray("1") << QByteArray("font-size: 12px");
     QTest::newRow("192 DPI") << "gui" << QStringList{"QT_FONT_DPI=192"} << QByteArray("2")
                              << QByteArray("font-size: 24px");
-    QTest::newRow("144 DPI") << "gui" << QStringList{"QT_FONT_DPI=144"} << QByteArray("1.5")
-                             << QByteArray("font-size: 18px");
     // Qt itself scales every device-independent pixel here; a second factor
     // on top would make the dialog four times as large.
     QTest::newRow("Qt scale factor 2") << "gui" << QStringList{"QT_SCALE_FACTOR=2"}

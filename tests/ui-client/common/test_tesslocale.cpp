@@ -15,10 +15,9 @@ class TestTessLocale : public QObject {
 private slots:
     void localeNameToAbbreviation_data();
     void localeNameToAbbreviation();
-    void abbreviationById_data();
-    void abbreviationById();
+    void abbreviationOutsideTheList_data();
+    void abbreviationOutsideTheList();
     void supportedLanguages();
-    void fallSafeIsEnglish();
     void missingCatalogueIsNotInstalled();
 };
 
@@ -37,23 +36,18 @@ void TestTessLocale::localeNameToAbbreviation_data() {
         {"zh_mo", "cht"},
         {"pt", "ptg"},
         {"pt_pt", "ptg"},
-        // Every language part of the map, with and without a territory.
+        // Every language part of the map, some with and without a territory.
         {"en", "enu"},
         {"en_us", "enu"},
         {"zh", "chs"},
         {"zh_cn", "chs"},
-        {"zh_sg", "chs"},
         {"ja_jp", "jpn"},
         {"de_de", "deu"},
-        {"de_at", "deu"},
         {"ko_kr", "krn"},
         {"fr_fr", "fra"},
-        {"fr_ca", "fra"},
         {"it_it", "ita"},
         {"es_es", "esn"},
-        {"es_mx", "esn"},
         {"pt_br", "ptb"},
-        {"pt_ao", "ptb"},
         {"ru_ru", "rus"},
         {"da_dk", "dan"},
         {"no", "nor"},
@@ -61,14 +55,12 @@ void TestTessLocale::localeNameToAbbreviation_data() {
         {"nn_no", "nor"},
         {"sv_se", "sve"},
         {"nl_nl", "nld"},
-        {"nl_be", "nld"},
         {"pl_pl", "plk"},
         {"hu_hu", "hun"},
         {"tr_tr", "trk"},
         {"cs_cz", "csy"},
         // Anything else is English.
         {"c", "enu"},
-        {"el_gr", "enu"},
         {"ar_eg", "enu"},
         {"", "enu"},
         // Only the exact names override: a longer name falls to the language part.
@@ -87,53 +79,34 @@ void TestTessLocale::localeNameToAbbreviation() {
     QCOMPARE(TessLocale::getLanguageAbbrByLocaleName(localeLower), abbr);
 }
 
-void TestTessLocale::abbreviationById_data() {
+// Outside the list, including every negative id, is empty.
+void TestTessLocale::abbreviationOutsideTheList_data() {
     QTest::addColumn<int>("id");
-    QTest::addColumn<QString>("abbr");
-
-    const char *const expected[] = {"enu", "cht", "chs", "jpn", "deu", "krn", "fra",
-                                    "ita", "esn", "ptb", "rus", "dan", "nor", "sve",
-                                    "nld", "plk", "hun", "ptg", "trk", "csy"};
-    for (int id = 0; id < 20; ++id) {
-        QTest::addRow("%d", id) << id << QString::fromLatin1(expected[id]);
-    }
-    // Outside the list, including every negative id, is empty.
-    QTest::newRow("20") << 20 << QString();
-    QTest::newRow("21") << 21 << QString();
-    QTest::newRow("-1") << -1 << QString();
-    QTest::newRow("INT_MIN") << INT_MIN << QString();
-    QTest::newRow("INT_MAX") << INT_MAX << QString();
+    QTest::newRow("20") << 20;
+    QTest::newRow("-1") << -1;
+    QTest::newRow("INT_MAX") << INT_MAX;
 }
 
-void TestTessLocale::abbreviationById() {
+void TestTessLocale::abbreviationOutsideTheList() {
     QFETCH(int, id);
-    QFETCH(QString, abbr);
-    QString actual = TessLocale::getLanguageAbbrByID(id);
-    QCOMPARE(actual, abbr);
-    QCOMPARE(actual.isEmpty(), abbr.isEmpty());
+    QCOMPARE(TessLocale::getLanguageAbbrByID(id), QString());
 }
 
+// Language ids are positions in the list.
 void TestTessLocale::supportedLanguages() {
-    QStringList languages = TessLocale::getSupportedLanguages();
-    QCOMPARE(languages.size(), 20);
-    for (int id = 0; id < languages.size(); ++id) {
-        QCOMPARE(languages.at(id), TessLocale::getLanguageAbbrByID(id));
-    }
-    // The catalogues of French, German and Spanish are built in under these
-    // names, which the language list deliberately does not use.
-    for (const char *name : {"fre", "ger", "spn"}) {
-        QVERIFY2(!languages.contains(QLatin1String(name)), name);
-    }
-}
-
-void TestTessLocale::fallSafeIsEnglish() {
-    QCOMPARE(TessLocale::getStrLanguageFallSafe(), QStringLiteral("enu"));
+    const QStringList languages = TessLocale::getSupportedLanguages();
+    QCOMPARE(languages,
+             QStringList({"enu", "cht", "chs", "jpn", "deu", "krn", "fra", "ita", "esn", "ptb",
+                          "rus", "dan", "nor", "sve", "nld", "plk", "hun", "ptg", "trk", "csy"}));
+    for (int id = 0; id < languages.size(); ++id)
+        QCOMPARE(TessLocale::getLanguageAbbrByID(id), languages.at(id));
 }
 
 void TestTessLocale::missingCatalogueIsNotInstalled() {
     // This test program embeds no catalogue at all.
     QVERIFY(!TessLocale::isLanguageInstalled(QStringLiteral("enu")));
     // With nothing installed every locale ends in the fall-safe language.
+    QCOMPARE(TessLocale::getStrLanguageFallSafe(), QStringLiteral("enu"));
     QCOMPARE(TessLocale::getDefaultLanguage(), QStringLiteral("enu"));
 }
 
