@@ -53,24 +53,13 @@ const char *const PROGRESS_DIALOG_STYLE = "QProgressDialog { \n"
 // The temporary folder is usually shared by every user and the save names are
 // predictable, so a file found there is trusted only if this user made it and
 // no one else could have changed it since: a regular file (not a link), owned
-// by us, not writable by group or others.
-bool isOwnPrivateFile(const QString &path) {
+// by us, not writable by group or others. Only then is its digest worth
+// checking against the answer's.
+bool isReusable(const QString &path, const QString &checksum) {
     struct stat st;
     if (lstat(QFile::encodeName(path).constData(), &st) != 0)
         return false;
-    return S_ISREG(st.st_mode) && st.st_uid == getuid() && (st.st_mode & (S_IWGRP | S_IWOTH)) == 0;
-}
-
-bool pathExists(const QString &path) {
-    struct stat st;
-    return lstat(QFile::encodeName(path).constData(), &st) == 0;
-}
-
-// Whether an earlier run's complete download can be used instead of a new one.
-bool isReusable(const QString &path, const QString &checksum) {
-    if (!pathExists(path))
-        return false;
-    if (!isOwnPrivateFile(path)) {
+    if (!S_ISREG(st.st_mode) || st.st_uid != getuid() || (st.st_mode & (S_IWGRP | S_IWOTH))) {
         QLOG_WARNING(LOG_COMPONENT, "File '%s' is not a private file of this user, do not use it.",
                      qUtf8Printable(path));
         return false;

@@ -556,8 +556,8 @@ void UpdateDownloader::reportInterrupted(int code, const QString &reason) {
 qint64 UpdateDownloader::announcedSize() const {
     // A compressed body is announced by its compressed length, which says
     // nothing about the file's.
-    if (!reply->rawHeader("Content-Encoding").isEmpty() &&
-        reply->rawHeader("Content-Encoding").toLower() != "identity")
+    const QByteArray encoding = reply->rawHeader("Content-Encoding").toLower();
+    if (!encoding.isEmpty() && encoding != "identity")
         return -1;
     const QVariant length = reply->header(QNetworkRequest::ContentLengthHeader);
     if (!length.isValid())
