@@ -31,7 +31,7 @@ const qint64 HASH_CHUNK_SIZE = 1024 * 1024;
 // reading from the connection until readyRead() has drained it. Without a
 // limit it reads as fast as the peer sends, and a fast server fills memory
 // with data the disk has not taken yet.
-const qint64 READ_BUFFER_SIZE = 1024 * 1024;
+const qint64 READ_BUFFER_SIZE = 256 * 1024;
 
 bool isScheme(const QUrl &url, const char *scheme) {
     return url.scheme().compare(QLatin1String(scheme), Qt::CaseInsensitive) == 0;
@@ -64,8 +64,9 @@ const QString UpdateDownloader::TEMP_EXT = QStringLiteral(".download");
 
 UpdateDownloader::UpdateDownloader(QObject *parent)
     : QObject(parent), manager(new QNetworkAccessManager(this)), reply(nullptr),
-      timer(new QTimer(this)), download_file(nullptr), file_size(0), timeout(DEFAULT_TIMEOUT),
-      max_redirect(0), body_action(BodyAction::Undecided), pending_error(NoError) {
+      timer(new QTimer(this)), download_file(nullptr), file_size(0),
+      digest(QCryptographicHash::Md5), timeout(DEFAULT_TIMEOUT), max_redirect(0),
+      body_action(BodyAction::Undecided), pending_error(NoError) {
     // Registered by name so the code can travel through queued and
     // signature-named connections, not only through direct ones.
     qRegisterMetaType<UpdateDownloader::UpdateDownloaderError>();
@@ -113,8 +114,7 @@ void UpdateDownloader::download() {
     // A process stopped between the last byte and the rename leaves the whole
     // file behind: asking for the range after its end would only be refused,
     // and the refusal would throw the file away.
-    if (isResumeDownload() && !expect_checksum.isEmpty() &&
-        isChecksumMatched(save_path + TEMP_EXT, expect_checksum)) {
+    if (isResumeDownload() && !expect_checksum.isEmpty() && digestMatches()) {
         QLOG_INFO(LOG_COMPONENT, "Temp file '%s' already complete, no download needed.",
                   qUtf8Printable(save_path + TEMP_EXT));
         download_file->close();
@@ -173,8 +173,9 @@ bool UpdateDownloader::openDownloadFile() {
     // predictable: whatever someone else put there must be neither written
     // through nor resumed from. The file is opened without following a link
     // (nor blocking on a FIFO), created only when nothing is there yet, and
-    // kept only when it turns out to be a plain file of our own.
-    const int flags = O_WRONLY | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    // kept only when it turns out to be a plain file of our own. It is opened
+    // for reading too, so the part an earlier attempt left can be hashed.
+    const int flags = O_RDWR | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
     struct stat info;
     const bool exists = ::lstat(native.constData(), &info) == 0;
     int fd = exists ? ::open(native.constData(), flags)
@@ -192,6 +193,8 @@ bool UpdateDownloader::openDownloadFile() {
     } else if (info.st_nlink != 1) {
         // A second name for one of our own files, planted to have it appended to.
         problem = QStringLiteral("file has %1 links").arg(info.st_nlink);
+    } else if (!hashExistingPrefix(fd, info.st_size)) {
+        problem = errnoText(errno);
     }
 
     QFile *file = nullptr;
@@ -282,6 +285,7 @@ void UpdateDownloader::examineAnswer() {
             return;
         }
         file_size = 0;
+        digest.reset();
     } else if (status == 206) {
         // Partial content that does not continue exactly where the file ends
         // would leave a gap or an overlap in it.
@@ -332,6 +336,9 @@ void UpdateDownloader::readyRead() {
             failTransfer(SysError, QStringLiteral("fail to write temp file"));
             return;
         }
+        // Only what the disk took is hashed, so the digest always describes
+        // the file as it lies there.
+        digest.addData(next, static_cast<int>(written));
         next += written;
         left -= written;
     }
@@ -427,8 +434,11 @@ void UpdateDownloader::downloadFinished() {
     // quietly sends a request again when the connection drops right after a
     // short answer arrived whole, and may then end that reply early. A file
     // shorter than the answer announced is an interrupted transfer, kept for
-    // the next attempt to resume, not a finished one to throw away.
-    const qint64 announced = announcedSize();
+    // the next attempt to resume, not a finished one to throw away. This only
+    // concerns a body that was being written: the length of a page that was
+    // thrown away (a 300, a redirect that leads nowhere) says nothing about
+    // the file, which then goes to the digest check as it is.
+    const qint64 announced = body_action == BodyAction::Write ? announcedSize() : -1;
     const qint64 on_disk = QFileInfo(temp_path).size();
     if (announced >= 0 && on_disk < announced) {
         reportInterrupted(
@@ -439,7 +449,7 @@ void UpdateDownloader::downloadFinished() {
 
     // Beyond the checks made when the answer began, the digest over the file
     // as it lies on disk is the guard.
-    if (!isChecksumMatched(temp_path, expect_checksum)) {
+    if (!digestMatches()) {
         QFile::remove(temp_path);
         reset();
         QLOG_ERROR(LOG_COMPONENT, "Fail to download file. (reason: checksum not matched)");
@@ -534,6 +544,37 @@ bool UpdateDownloader::isChecksumMatched(const QString &file_path, const QString
 
     const QString digest = QString::fromLatin1(hash.result().toHex());
     return digest.compare(checksum, Qt::CaseInsensitive) == 0;
+}
+
+bool UpdateDownloader::hashExistingPrefix(int fd, qint64 size) {
+    // Once per attempt, at the start: what an earlier attempt left is hashed
+    // before new bytes are appended to it. Read through the descriptor that
+    // was checked, so the bytes hashed are those of that very file.
+    digest.reset();
+    QByteArray chunk(static_cast<int>(HASH_CHUNK_SIZE), Qt::Uninitialized);
+    qint64 offset = 0;
+    while (offset < size) {
+        const ssize_t read =
+            ::pread(fd, chunk.data(), static_cast<size_t>(qMin(HASH_CHUNK_SIZE, size - offset)),
+                    static_cast<off_t>(offset));
+        if (read < 0 && errno == EINTR)
+            continue;
+        if (read <= 0) {
+            if (read == 0)
+                errno = EIO; // the file shrank under us
+            return false;
+        }
+        digest.addData(chunk.constData(), static_cast<int>(read));
+        offset += read;
+    }
+    return true;
+}
+
+bool UpdateDownloader::digestMatches() const {
+    if (expect_checksum.isEmpty())
+        return true;
+    const QString hex = QString::fromLatin1(digest.result().toHex());
+    return hex.compare(expect_checksum, Qt::CaseInsensitive) == 0;
 }
 
 void UpdateDownloader::reportInterrupted(int code, const QString &reason) {

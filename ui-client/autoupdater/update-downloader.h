@@ -1,6 +1,7 @@
 #ifndef QUILLON_AUTOUPDATER_UPDATE_DOWNLOADER_H
 #define QUILLON_AUTOUPDATER_UPDATE_DOWNLOADER_H
 
+#include <QCryptographicHash>
 #include <QNetworkAccessManager>
 #include <QNetworkProxy>
 #include <QObject>
@@ -106,6 +107,8 @@ private:
     bool moveToSavePath();
     void reportInterrupted(int code, const QString &reason);
     qint64 announcedSize() const;
+    bool hashExistingPrefix(int fd, qint64 size);
+    bool digestMatches() const;
 
     // What happens to the body of the reply in flight; decided once, from its
     // status and headers, before the first byte of it is written.
@@ -124,6 +127,9 @@ private:
     QString expect_checksum;
     // Bytes the temporary file held when it was opened: the resume offset.
     qint64 file_size;
+    // MD5 of everything in the temporary file, kept up to date as bytes are
+    // written, so a finished file is never read back for its digest.
+    QCryptographicHash digest;
     int timeout;
     // Redirects followed so far by this object; never reset.
     int max_redirect;
