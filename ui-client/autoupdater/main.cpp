@@ -31,6 +31,13 @@ int main(int argc, char *argv[]) {
     Q_INIT_RESOURCE(texts);
     Q_INIT_RESOURCE(resource);
 
+    // Nothing here draws with OpenGL, yet on X11 the first window (the tray
+    // icon's) would load the GLX stack, and with it a software renderer that
+    // alone holds more memory than the rest of the program. Someone who sets
+    // the variable keeps their choice.
+    if (!qEnvironmentVariableIsSet("QT_XCB_GL_INTEGRATION"))
+        qputenv("QT_XCB_GL_INTEGRATION", "none");
+
     QCommandLineParser parser;
     QtSingleApplication app(argc, argv, true);
     QStringList arguments;
