@@ -90,7 +90,7 @@ QString TessLocale::getLanguageAbbrByLocaleName(const QString &qstrLocaleLower) 
 
 QString TessLocale::getDefaultLanguage() {
     QString qstrLocaleLower = QLocale::system().name().toLower();
-    qDebug("%s:%d %s=[%s\n] ", __FILE__, __LINE__, "qPrintable(qstrLocaleLower)",
+    qDebug("%s:%d %s=[%s\n] ", __FILE_NAME__, __LINE__, "qPrintable(qstrLocaleLower)",
            qPrintable(qstrLocaleLower));
 
     QString qstrDef = getLanguageAbbrByLocaleName(qstrLocaleLower);
@@ -100,7 +100,7 @@ QString TessLocale::getDefaultLanguage() {
         qstrDef = qstrLanguageFallSafe;
     }
 
-    qDebug("%s:%d %s=[%s] ", __FILE__, __LINE__, "qPrintable(qstrDef)", qPrintable(qstrDef));
+    qDebug("%s:%d %s=[%s] ", __FILE_NAME__, __LINE__, "qPrintable(qstrDef)", qPrintable(qstrDef));
     return qstrDef;
 }
 
@@ -109,7 +109,7 @@ bool TessLocale::isLanguageInstalled(const QString &qstrAbbr) {
     if (!QFile::exists(qstrLangFileName)) {
         return false;
     }
-    qDebug("%s:%d %s=[%s] ", __FILE__, __LINE__, "qPrintable(qstrLangFileName)",
+    qDebug("%s:%d %s=[%s] ", __FILE_NAME__, __LINE__, "qPrintable(qstrLangFileName)",
            qPrintable(qstrLangFileName));
     return true;
 }
