@@ -1,7 +1,9 @@
 #include "update-querier.h"
 
+#include "answer-signature.h"
 #include "log/log.h"
 
+#include <QDateTime>
 #include <QJsonDocument>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
@@ -188,6 +190,23 @@ void UpdateQuerier::receiveReply(QNetworkReply *reply) {
         ++max_redirect;
         server_host = target.toString();
         query();
+        return;
+    }
+
+    // A build that carries the publisher's key acts only on a signed, unexpired
+    // answer: checked here, before the controller sees a name or a URL.
+    if (AnswerSignature::isRequired()) {
+        QJsonObject answer;
+        const QString problem = AnswerSignature::findProblem(
+            body, reply->rawHeader(AnswerSignature::HEADER), AnswerSignature::builtInKey(),
+            QDateTime::currentSecsSinceEpoch(), &answer);
+        if (!problem.isEmpty()) {
+            QLOG_ERROR(LOG_COMPONENT, "Signed response refused. (reason: %s)",
+                       qUtf8Printable(problem));
+            emit error(AppError, QStringLiteral("Signed response refused."));
+            return;
+        }
+        emit finished(answer);
         return;
     }
 
