@@ -101,7 +101,7 @@ def main():
             baseline_times.append(b)
             ratios.append(u / b)
 
-        queries = [r for r in site.requests() if r["path"] == site.answer_path]
+        queries = [r for r in site.requests() if r["name"] == "answer.json"]
         if len(queries) != 2 * (args.rounds + 1):
             sys.exit(f"expected two queries per run, nginx saw {len(queries)}")
 

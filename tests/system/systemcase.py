@@ -1,11 +1,6 @@
-"""Common ground of the system tests: where the installed program is, a shared
-desktop and update server per test class, and a fresh installation per test.
-
-CTest passes, through the environment:
-  QUILLON_SYSTEM_PREFIX     the prefix the program was installed into
-  QUILLON_TRAY_PROBE        the tray-probe program
-  QUILLON_SYSTEM_ARTIFACTS  a folder of the build tree for screenshots
-"""
+"""A desktop and an nginx per test class; per case a site of its own on that
+server and a fresh installation pointed at it. CTest passes
+QUILLON_SYSTEM_PREFIX (where the program was installed) and QUILLON_TRAY_PROBE."""
 
 import os
 import shutil
@@ -15,20 +10,22 @@ from pathlib import Path
 
 import harness
 
+UPDATER = "quillon-updater.sh"
+PACK = "quillon-2.0.0.deb"
+KIB, MIB = 1024, 1024 * 1024
 
-def _setting(name):
-    value = os.environ.get(name)
-    if not value:
+
+def setting(name):
+    if not os.environ.get(name):
         raise harness.HarnessError(f"{name} is not set; run the system tests through ctest")
-    return value
+    return os.environ[name]
+
+
+def partial_path(saved):
+    return saved.with_name(saved.name + ".download")
 
 
 class SystemTestCase(unittest.TestCase):
-    """Subclasses set `tray` (whether the desktop has a system tray),
-    `nginx_directives` and `nginx_listen_options`; the class's desktop and
-    nginx are shared by its tests, which keep apart by each using their own
-    UpdateSite and Installation."""
-
     tray = True
     nginx_directives = ""
     nginx_listen_options = ""
@@ -36,92 +33,70 @@ class SystemTestCase(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         harness.adopt_orphans()
-        cls.prefix = Path(_setting("QUILLON_SYSTEM_PREFIX"))
-        if not (cls.prefix / "bin" / "autoupdater").exists():
-            raise harness.HarnessError(f"no installed program under {cls.prefix}")
-        cls.screenshots = Path(_setting("QUILLON_SYSTEM_ARTIFACTS")) / "screenshots"
+        cls.prefix = Path(setting("QUILLON_SYSTEM_PREFIX"))
         cls.class_dir = Path(tempfile.mkdtemp(prefix=f"quillon-{cls.__name__}-"))
         cls.addClassCleanup(shutil.rmtree, cls.class_dir, ignore_errors=True)
-        cls.desktop = harness.Desktop(cls.class_dir / "desktop", _setting("QUILLON_TRAY_PROBE"),
-                                      tray=cls.tray)
+        cls.desktop = harness.Desktop(cls.class_dir / "desktop", setting("QUILLON_TRAY_PROBE"),
+                                      cls.tray)
         cls.addClassCleanup(cls.desktop.stop)
         cls.desktop.start()
-        docroot = cls.class_dir / "www"
-        docroot.mkdir()
-        cls.nginx = harness.Nginx(cls.class_dir / "nginx", docroot, cls.nginx_directives,
-                                  cls.nginx_listen_options)
+        cls.nginx = harness.Nginx(cls.class_dir / "nginx", cls.class_dir / "www",
+                                  cls.nginx_directives, cls.nginx_listen_options)
         cls.addClassCleanup(cls.nginx.stop)
         cls.nginx.start()
 
     def setUp(self):
         self.test_dir = Path(tempfile.mkdtemp(prefix="t-", dir=self.class_dir))
-        self.addCleanup(shutil.rmtree, self.test_dir, ignore_errors=True)
-        # Runs after every process of the test is stopped (clean-ups run in
-        # reverse): whatever the program left running is ended here.
+        # Runs after the test's own processes are stopped: whatever the program
+        # left running is ended here.
         self.addCleanup(harness.reap_orphans)
+        self.cases = 0
 
-    # -- building blocks
-
-    def new_installation(self, **kwargs):
-        workdir = tempfile.mkdtemp(prefix="install-", dir=self.test_dir)
-        return harness.Installation(self.prefix, workdir, **kwargs)
-
-    def new_site(self, under=""):
-        """A folder of its own on the class's server; `under` puts it below a
-        location with its own settings."""
-        self.sites = getattr(self, "sites", 0) + 1
-        return harness.UpdateSite(self.nginx, f"{under}{self.test_dir.name}-{self.sites}")
-
-    def serve(self, installation, site):
-        """Points the installation's shipped settings at the site's answer."""
+    def new_case(self, under=""):
+        """(site, installation, record of the stand-in updater's start)."""
+        self.cases += 1
+        name = f"{self.test_dir.name}-{self.cases}"
+        site = harness.UpdateSite(self.nginx, under + name)
+        installation = harness.Installation(self.prefix, self.test_dir / name)
         installation.configure_server(self.nginx.url(), site.answer_path)
+        return site, installation, harness.UpdaterRecord(self.test_dir / f"{name}.record")
 
-    def new_record(self):
-        self.records = getattr(self, "records", 0) + 1
-        return harness.UpdaterRecord(self.test_dir / f"updater-started-{self.records}")
+    def offer(self, pack=None, under="", permit=False, **extra):
+        """A case whose answer names the stand-in updater and, given, a pack."""
+        site, installation, record = self.new_case(under)
+        answer = {"updater": dict(site.put_updater(record), need_user_permit=permit), **extra}
+        if pack is not None:
+            answer["update_pack"] = site.put(PACK, pack)
+        site.answer(answer)
+        return site, installation, record
 
-    def start(self, installation, argv, **kwargs):
-        process = installation.start(argv, self.desktop, **kwargs)
+    def start(self, installation, argv=None, **kwargs):
+        process = installation.start(argv or installation.client_arguments(), self.desktop,
+                                     **kwargs)
         self.addCleanup(process.stop)
         return process
 
-    def run_program(self, installation, argv, timeout=60, **kwargs):
+    def run_program(self, installation, argv=None, timeout=60, **kwargs):
         process = self.start(installation, argv, **kwargs)
         try:
-            process.wait(timeout)
+            return process.wait(timeout)
         except TimeoutError:
-            self.fail(f"program still running after {timeout} s; log:\n"
-                      + self.log_text(installation))
-        return process.popen.returncode
-
-    # -- checks
-
-    @staticmethod
-    def log_text(installation):
-        path = installation.log_path
-        return path.read_text(errors="replace") if path.exists() else "(no log)"
+            self.fail(f"still running after {timeout} s; log:\n" + installation.log_text())
 
     def assertStatus(self, installation, status, expected):
-        self.assertEqual(status, expected,
-                         "unexpected exit status; log:\n" + self.log_text(installation))
+        self.assertEqual(status, expected, "log:\n" + installation.log_text())
 
     def assertLogged(self, installation, *messages, level=None):
         """Each message is in the log (at the level, when given), in this order."""
-        entries = [(lvl, msg) for lvl, _, msg in installation.log_entries()]
-        position = 0
+        entries = iter(installation.log_messages(level))
         for message in messages:
-            for index in range(position, len(entries)):
-                lvl, msg = entries[index]
-                if msg == message and (level is None or lvl == level):
-                    position = index + 1
-                    break
-            else:
-                self.fail(f"log lacks {message!r} (in order, level {level}):\n"
-                          + self.log_text(installation))
+            self.assertIn(message, entries, "log, in order:\n" + installation.log_text())
 
-    def assertNotLogged(self, installation, message):
-        self.assertNotIn(message, installation.log_messages(),
-                         "log:\n" + self.log_text(installation))
-
-    def screenshot_path(self, name):
-        return self.screenshots / name
+    def assertHandedOff(self, installation, record, *tail, starts=1):
+        """The updater was started `starts` times, from "/", with the
+        installation's paths followed by tail."""
+        self.assertEqual(record.wait(), (b"/", [b"--root-path", bytes(installation.app),
+                                                b"--portable-path", bytes(installation.portable),
+                                                *tail]))
+        harness.reap_orphans()
+        self.assertEqual(record.starts(), starts)

@@ -1,0 +1,202 @@
+"""Whole update runs against nginx, each checked by everything it leaves
+behind: exit status, log, the requests nginx saw, the temporary folder and how
+the downloaded updater was started."""
+
+import os
+import re
+import shutil
+import stat
+import unittest
+from urllib.parse import parse_qsl
+
+import harness
+from systemcase import KIB, PACK, UPDATER, SystemTestCase, partial_path, setting
+
+QUERY = [("identify", "quillon-desktop"), ("type", "updater"), ("client", "1450"),
+         ("server", "2,5"), ("os", "linux"), ("arch", "x86"), ("osversion", "Debian 12"),
+         ("installer", "deb")]
+OPTIONS = ("--root-path --portable-path --temp-path --client-version --server-version "
+           "--installer --arch --identify --os --osversion --proxy-server --proxy-port "
+           "--proxy-username --proxy-password --show-dialog").split()
+
+
+def fetched(site):
+    """(name, range, status) of each request but the queries."""
+    return [(r["name"], r["range"], r["status"]) for r in site.requests()
+            if r["name"] != "answer.json"]
+
+
+class UpdateRunTest(SystemTestCase):
+
+    def test_empty_answer_at_each_server_address(self):
+        """Nothing to do: status 0, nothing fetched. The query goes twice,
+        alike, with the eight items, to host + path of update.conf; the user's
+        settings replace either part alone (the shipped one is then wrong)."""
+        dead = f"http://127.0.0.1:{harness.free_port()}"
+        for name, user_host, user_path in [("update.conf", False, False),
+                                           ("user's host", True, False),
+                                           ("user's path", False, True)]:
+            with self.subTest(name):
+                site, installation, _ = self.new_case()
+                site.answer("{}")
+                installation.configure_server(dead if user_host else self.nginx.url(),
+                                              site.prefix + ("x" if user_path else "answer.json"))
+                installation.configure_user_server(user_host and self.nginx.url(),
+                                                   user_path and site.answer_path)
+
+                self.assertStatus(installation, self.run_program(installation), 0)
+                queries = site.requests()
+                self.assertEqual([(r["name"], r["uri"]) for r in queries],
+                                 [("answer.json", queries[0]["uri"])] * 2)
+                self.assertEqual(parse_qsl(queries[0]["query"], strict_parsing=True), QUERY)
+                self.assertEqual(os.listdir(installation.temp_dir), [])
+                self.assertLogged(installation, "Start auto updater.",
+                                  "Start query update server.", "Query update server done.",
+                                  "Updater return empty response. No need to update.",
+                                  "Auto updater finished.", level="INFO")
+
+    def test_updater_alone_replacing_a_file_others_could_change(self):
+        """Status 0: the updater is fetched (a group-writable copy under its
+        name is not trusted, however it hashes), made executable and started
+        from "/" though the client ran the program in its own folder."""
+        site, installation, record = self.offer()
+        saved = installation.save_path(UPDATER)
+        shutil.copy(site.folder / UPDATER, saved)
+        saved.chmod(0o664)
+
+        self.assertStatus(installation, self.run_program(installation, cwd=installation.app), 0)
+        self.assertHandedOff(installation, record)
+        self.assertEqual(os.listdir(installation.temp_dir), [saved.name])
+        self.assertEqual(stat.S_IMODE(saved.stat().st_mode), 0o700)
+        self.assertEqual(fetched(site), [(UPDATER, "", 200)])
+        self.assertLogged(installation, "Start download updater.", f"File '{saved}' is not a "
+                          "private file of this user, do not use it.", "Download updater done.",
+                          "Start running updater.", "Auto updater finished.")
+
+    def test_updater_pack_and_arguments_then_reuse(self):
+        """Status 0: the pack's partial file is resumed with a Range, and the
+        updater_args arrive byte for byte after the pack's path, a non-text
+        element as an empty argument. The next run fetches nothing again."""
+        data = harness.pack_bytes(1024 * KIB, seed=7)
+        args = ["it's \"quoted\"", "$HOME; rm -rf ~", "two\nlines"]
+        site, installation, record = self.offer(data, updater_args=args + [42])
+        # The client may choose the folder; a blank in its name must survive.
+        temp = installation.workdir / "client temp"
+        temp.mkdir()
+        argv = installation.client_arguments(temp_path=temp)
+        saved = installation.save_path(PACK, temp)
+        partial_path(saved).write_bytes(data[:400000])
+        tail = [b"--update-pack-path", bytes(saved)] + [a.encode() for a in args] + [b""]
+
+        self.assertStatus(installation, self.run_program(installation, argv), 0)
+        self.assertHandedOff(installation, record, *tail)
+        self.assertEqual(saved.read_bytes(), data)
+        self.assertEqual(sorted(os.listdir(temp)),
+                         sorted([saved.name, installation.save_path(UPDATER).name]))
+        self.assertEqual(fetched(site), [(UPDATER, "", 200), (PACK, "bytes=400000-", 206)])
+        self.assertLess(site.requests()[-1]["bytes"], len(data) - 400000 + KIB)
+        self.assertLogged(installation, "Download updater done.",
+                          "Updater requires update pack, download it.",
+                          "Start download update pack.", "Resume download start from byte: "
+                          "400000.", "Download update pack done.", "Start running updater.")
+
+        record.path.unlink()
+        self.assertStatus(installation, self.run_program(installation, argv), 0)
+        self.assertHandedOff(installation, record, *tail, starts=2)
+        self.assertEqual(len(fetched(site)), 2)
+        self.assertLogged(installation, "Updater file exists, use local file.",
+                          "Update pack file exists, use local file.", level="INFO")
+
+    def test_failures(self):
+        """Each ends with its status and reason, untried again, starts nothing
+        and leaves no partial file; a hostile name is refused before any file
+        or download. A corrupt partial file goes, so the next run recovers."""
+        def pack_gone(site, record):
+            pack = site.put(PACK, b"gone")
+            os.remove(site.folder / PACK)
+            return {"updater": site.put_updater(record), "update_pack": pack}
+        rows = [
+            ("no updater", lambda s, r: {"update_pack": s.put(PACK, b"p")}, 4,
+             "No updater information in response.", [], []),
+            ("not JSON", lambda s, r: "<html>Down for maintenance</html>", 4,
+             "Response is not in Json format.", [], []),
+            ("hostile name", lambda s, r: {"updater": dict(s.put_updater(r), name="../x")}, 4,
+             "Unsafe update information in response.", [], []),
+            ("pack 404", pack_gone, 3, "Download failed since http error",
+             [(UPDATER, "", 200), (PACK, "", 404)], [UPDATER]),
+            ("wrong checksum", lambda s, r: {"updater": dict(s.put_updater(r), checksum="0" * 32)},
+             6, "File checksum not matched", [(UPDATER, "", 200)], []),
+            ("corrupt partial file", lambda s, r: {"updater": s.put_updater(r), "update_pack":
+                                                   s.put(PACK, harness.pack_bytes(300 * KIB))},
+             6, "File checksum not matched", [(UPDATER, "", 200), (PACK, "bytes=5000-", 206)],
+             [UPDATER]),
+        ]
+        for name, answer, status, reason, requests, files in rows:
+            with self.subTest(name):
+                site, installation, record = self.new_case()
+                site.answer(answer(site, record))
+                if name.startswith("corrupt"):
+                    partial_path(installation.save_path(PACK)).write_bytes(bytes(5000))
+
+                self.assertStatus(installation, self.run_program(installation), status)
+                self.assertLogged(installation, f"Fail to run auto update. (error code: "
+                                  f"{status}, reason: {reason})", level="ERROR")
+                self.assertEqual(fetched(site), requests)
+                self.assertEqual(os.listdir(installation.temp_dir),
+                                 [installation.save_path(f).name for f in files])
+                self.assertNotIn("Download failed, try again.", installation.log_text())
+                self.assertFalse(record.started())
+                if name.startswith("corrupt"):
+                    self.assertStatus(installation, self.run_program(installation), 0)
+                    self.assertEqual(fetched(site)[-1], (PACK, "", 200))
+
+    def test_proxy_carries_every_request_or_is_given_up(self):
+        """Through a working proxy every request goes via it. A dead one gets
+        the first attempt and ten retries, then the rest of the run goes
+        direct: status 0 either way."""
+        proxy = harness.TinyProxy(self.test_dir / "tinyproxy")
+        self.addCleanup(proxy.stop)
+        proxy.start()
+        for name, port, dead in [("working proxy", proxy.port, 0),
+                                 ("dead proxy", harness.free_port(), 1)]:
+            with self.subTest(name):
+                data = harness.pack_bytes(200 * KIB, seed=3)
+                site, installation, record = self.offer(data)
+                argv = installation.client_arguments(proxy_server="127.0.0.1", proxy_port=port)
+
+                self.assertStatus(installation, self.run_program(installation, argv), 0)
+                saved = installation.save_path(PACK)
+                self.assertEqual(saved.read_bytes(), data)
+                self.assertHandedOff(installation, record, b"--update-pack-path", bytes(saved))
+                self.assertEqual([("tinyproxy" in r["via"]) for r in site.requests()],
+                                 [not dead] * 4)
+                messages = installation.log_messages()
+                self.assertEqual([messages.count(m) for m in (
+                    "Query failed, try again. (code: 2, reason: Request failed since proxy "
+                    "error.)", "Querier connect proxy failed, fallback to no proxy.",
+                    "Download failed, try again. (code: 2, reason: Download failed since proxy "
+                    "error)", "Downlaoder connect proxy failed, fallback to no proxy.")],
+                    [10 * dead, dead] * 2)
+
+    def test_no_tray_ends_before_any_query_while_help_answers(self):
+        desktop = harness.Desktop(self.test_dir / "bare", setting("QUILLON_TRAY_PROBE"), False)
+        self.addCleanup(desktop.stop)
+        self.desktop = desktop.start()
+        site, installation, record = self.offer()
+
+        self.assertStatus(installation, self.run_program(installation), 1)
+        self.assertEqual(installation.log_messages("WARNING"),
+                         ["Does not detect any system tray on this system."])
+        self.assertEqual(len(installation.log_messages()), 1)
+        self.assertEqual(site.requests(), [])
+
+        process = self.start(installation, ["--help"])
+        self.assertEqual(process.wait(30), 0)
+        # Every option with its value's name and a help text.
+        self.assertEqual(re.findall(r"^ +(--[\w-]+)(?: <\w+>)? {2,}\S", process.output_text(),
+                                    re.M)[:len(OPTIONS)], OPTIONS)
+        self.assertEqual(len(installation.log_messages()), 1)
+
+
+if __name__ == "__main__":
+    unittest.main()
