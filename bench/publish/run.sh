@@ -54,7 +54,7 @@ query_path = "/quillon/client/update"
 files_url = "http://127.0.0.1:$port/quillon/files"
 
 [[release]]
-version = 5000
+version = $((4000 + clients))
 updater = "dist/quillon-updater"
 pack = "dist/quillon-5.0.deb"
 updater_args = ["--quiet"]
@@ -93,7 +93,7 @@ nginx_pid=$!
 base="http://127.0.0.1:$port/quillon/client/update"
 rest="server=4103%2C4110&os=linux&arch=x86_64&osversion=Debian%2012&installer=deb"
 old_client="$base?identify=quillon&type=updater&client=$((4000 + clients / 2))&$rest"
-new_client="$base?identify=quillon&type=updater&client=5000&$rest"
+new_client="$base?identify=quillon&type=updater&client=$((4000 + clients))&$rest"
 for _ in $(seq 50); do
     curl -sf -o /dev/null "$old_client" && break
     sleep 0.1
