@@ -1,6 +1,7 @@
 #include "update-downloader.h"
 
 #include "log/log.h"
+#include "tls-trust.h"
 
 #include <QCryptographicHash>
 #include <QFile>
@@ -70,6 +71,7 @@ UpdateDownloader::UpdateDownloader(QObject *parent)
     // Registered by name so the code can travel through queued and
     // signature-named connections, not only through direct ones.
     qRegisterMetaType<UpdateDownloader::UpdateDownloaderError>();
+    logCertificateProblems(manager);
     timer->setSingleShot(true);
     connect(timer, &QTimer::timeout, this, &UpdateDownloader::queryTimeout);
     setTimeout(DEFAULT_TIMEOUT);
@@ -135,6 +137,7 @@ void UpdateDownloader::download() {
         return;
     }
 
+    prepareTrustFor(url);
     QNetworkRequest request(url);
     if (isResumeDownload())
         prepareResumeDownlaodRequest(request);

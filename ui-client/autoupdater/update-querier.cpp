@@ -2,6 +2,7 @@
 
 #include "answer-signature.h"
 #include "log/log.h"
+#include "tls-trust.h"
 
 #include <QDateTime>
 #include <QJsonDocument>
@@ -33,6 +34,7 @@ UpdateQuerier::UpdateQuerier(QObject *parent)
     // Registered by name so the code can travel through queued and
     // signature-named connections, not only through direct ones.
     qRegisterMetaType<UpdateQuerier::UpdateQuerierError>();
+    logCertificateProblems(manager);
     connect(manager, &QNetworkAccessManager::finished, this, &UpdateQuerier::receiveReply);
     timer->setSingleShot(true);
     connect(timer, &QTimer::timeout, this, &UpdateQuerier::queryTimeout);
@@ -80,6 +82,7 @@ void UpdateQuerier::query() {
     }
 
     timer->start(getTimeout());
+    prepareTrustFor(url);
     QNetworkReply *reply = manager->get(QNetworkRequest(url));
     connect(this, &UpdateQuerier::abort_request, reply, &QNetworkReply::abort);
 
