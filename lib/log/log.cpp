@@ -257,6 +257,11 @@ int Logger::GetFileSize(const xstring &path) {
             std::fprintf(log_fp, "stat(%s): %s (%d)\n", path.c_str(), std::strerror(err), err);
         return 0;
     }
+    // The count is 32 bits wide: a log someone else let grow past 2 GiB would
+    // wrap it (and stop rotation for good), so anything past the limit is
+    // just "over it".
+    if (st.st_size > ROTATE_SIZE)
+        return static_cast<int>(ROTATE_SIZE) + 1;
     return static_cast<int>(st.st_size);
 }
 
