@@ -121,12 +121,8 @@ def main():
             arrived = partial.stat().st_size if partial.exists() else 0
             if arrived < third and not saved_pack.exists():
                 return None
-            for window in desktop.search("--all", "--onlyvisible", "--pid", process.pid,
-                                         "--name", "^Quillon$"):
-                geometry = desktop.geometry(window)
-                if geometry and desktop.painted(geometry):
-                    return "shown"
-            return None
+            windows = desktop.visible_windows("--all", "--pid", process.pid, "--name", "^Quillon$")
+            return "shown" if any(desktop.painted(g) for g in windows.values()) else None
         try:
             dialog = harness.wait_for(dialog_with_progress, 60, "the progress dialog") == "shown"
         except TimeoutError:

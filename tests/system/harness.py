@@ -4,25 +4,13 @@ tray. Whatever starts a process here stops it in stop(); waiting is always for
 a condition, with a deadline. Shared by the system tests, tools/demo.py and
 bench/startup; standard library only."""
 
-import ctypes
-import hashlib
-import json
-import os
-import random
-import re
-import select
-import shutil
-import signal
-import socket
-import subprocess
-import time
-import urllib.error
-import urllib.request
+import ctypes, hashlib, json, os, random, re, select, shutil, signal, socket, subprocess, time
+import urllib.error, urllib.request
 from pathlib import Path
 
 
 class HarnessError(RuntimeError):
-    """Something the harness needs did not come up; the message says what."""
+    pass
 
 
 def find_program(name):
@@ -40,7 +28,6 @@ def free_port():
 
 
 def wait_for(condition, timeout, what, interval=0.05):
-    """Polls condition() until it returns something true and returns that."""
     deadline = time.monotonic() + timeout
     while not (value := condition()):
         if time.monotonic() >= deadline:
@@ -53,8 +40,7 @@ def file_md5(path):
     return hashlib.md5(Path(path).read_bytes()).hexdigest()
 
 
-def pack_bytes(size, seed=1):
-    """Bytes that do not compress, standing in for an update pack."""
+def pack_bytes(size, seed=1):  # bytes that do not compress
     return random.Random(seed).randbytes(size)
 
 
@@ -73,23 +59,15 @@ def adopt_orphans():
 
 
 def reap_orphans(timeout=5.0):
-    deadline = time.monotonic() + timeout
-    for pid in [int(e) for e in os.listdir("/proc") if e.isdigit() and int(e) not in _owned]:
-        try:
-            stat = Path(f"/proc/{pid}/stat").read_text()
-        except OSError:
-            continue
-        # The parent's id follows the command name, which may hold blanks.
-        if int(stat[stat.rindex(")") + 2:].split()[1]) != os.getpid():
-            continue
-        while not os.waitpid(pid, os.WNOHANG)[0]:
+    deadline, me = time.monotonic() + timeout, os.getpid()
+    for pid in map(int, Path(f"/proc/{me}/task/{me}/children").read_text().split()):
+        while pid not in _owned and not os.waitpid(pid, os.WNOHANG)[0]:
             if time.monotonic() >= deadline:
                 os.kill(pid, signal.SIGKILL)
             time.sleep(0.02)
 
 
 class Process:
-    """A child in a session of its own, its output in a file."""
 
     def __init__(self, argv, output, **popen_args):
         self.argv, self.output = [str(a) for a in argv], Path(output)
@@ -122,32 +100,41 @@ class Process:
                 self.popen.wait()
 
 
-def _start_server(argv, workdir, configure, ready_file=None):
-    """(process, port) of a server on a free port, tried again on another port
-    when someone took the one chosen. configure(port) writes its settings."""
-    for _ in range(5):
-        port = free_port()
-        configure(port)
-        process = Process(argv, workdir / "server.out")
+class Server:
+    """A daemon on a free port, or another if someone took the one chosen
+    meanwhile. configure(port) writes its settings and returns its command."""
 
-        def ready():
-            if not process.running():
-                return "exited"
-            try:
-                socket.create_connection(("127.0.0.1", port), timeout=0.5).close()
-                return (not ready_file or ready_file.exists()) and "listening"
-            except OSError:
-                return None
-        if wait_for(ready, 15, f"{argv[0]} on port {port}") == "listening":
-            return process, port
-        process.stop()
-    raise HarnessError(f"{argv[0]} would not start: " + process.output_text())
+    ready_file = None
+
+    def __init__(self, workdir):
+        self.workdir, self.process, self.port = Path(workdir), None, 0
+        self.workdir.mkdir(parents=True, exist_ok=True)
+
+    def start(self):
+        for _ in range(5):
+            self.port = free_port()
+            self.process = Process(self.configure(self.port), self.workdir / "server.out")
+
+            def ready():
+                try:
+                    socket.create_connection(("127.0.0.1", self.port), timeout=0.5).close()
+                    return (not self.ready_file or self.ready_file.exists()) and "listening"
+                except OSError:
+                    return not self.process.running() and "exited"
+            if wait_for(ready, 15, f"{self.process.argv[0]} on port {self.port}") == "listening":
+                return self
+            self.process.stop()
+        raise HarnessError(f"{self.process.argv[0]} would not start: "
+                           + self.process.output_text())
+
+    def stop(self):
+        if self.process:
+            self.process.stop()
 
 
 class Desktop:
-    """An Xvfb display, numbered by Xvfb itself so that several run side by
-    side, with trayer as its tray unless tray is false. tray_probe exits with
-    0 when the display offers a tray."""
+    """Xvfb, numbered by itself so that several run side by side, with trayer
+    as its tray unless told; tray_probe exits with 0 when there is a tray."""
 
     def __init__(self, workdir, tray_probe, tray=True):
         self.workdir = Path(workdir)
@@ -188,12 +175,12 @@ class Desktop:
                 raise HarnessError("trayer exited: " + trayer.output_text())
         return self
 
+    def tray_available(self):
+        return self.x(self.tray_probe, check=False).returncode == 0
+
     def env(self):
         return {"PATH": os.environ.get("PATH", "/usr/bin:/bin"), "DISPLAY": self.display,
                 "HOME": str(self.workdir), **self.session}
-
-    def tray_available(self):
-        return self.x(self.tray_probe, check=False).returncode == 0
 
     def stop(self):
         for process in reversed(self.processes):
@@ -206,24 +193,19 @@ class Desktop:
             raise HarnessError(f"{argv[0]} failed ({result.returncode}): {result.stderr}")
         return result
 
-    def search(self, *criteria):
-        return [int(w) for w in self.x("xdotool", "search", *criteria, check=False).stdout.split()]
-
-    def geometry(self, window):
-        """(x, y, width, height) on the screen; None once unmapped or gone."""
+    def geometry(self, window):  # (x, y, width, height); None unless mapped
         info = dict(re.findall(r"^\s*([^:\n]+):\s+(.*)$", self.x("xwininfo", "-id", window,
                                                                 check=False).stdout, re.M))
         if info.get("Map State") == "IsViewable":
             return tuple(int(info[k]) for k in ("Absolute upper-left X", "Absolute upper-left Y",
                                                 "Width", "Height"))
 
-    def visible_windows(self, pid):
-        """{window: geometry} of the viewable windows a process owns."""
-        found = {w: self.geometry(w) for w in self.search("--onlyvisible", "--pid", pid)}
-        return {w: g for w, g in found.items() if g}
+    def visible_windows(self, *criteria):
+        """{window: geometry} of the viewable windows `xdotool search` finds."""
+        found = self.x("xdotool", "search", "--onlyvisible", *criteria, check=False).stdout
+        return {w: g for w in map(int, found.split()) if (g := self.geometry(w))}
 
-    def painted(self, geometry):
-        """Whether the area shows more than a flat fill, i.e. has been drawn."""
+    def painted(self, geometry):  # more than a flat fill: drawn
         colours = self.x("import", "-silent", "-window", "root", "-crop",
                          "{2}x{3}+{0}+{1}".format(*geometry), "-format", "%k", "info:",
                          check=False).stdout.strip()
@@ -234,8 +216,7 @@ class Desktop:
         self.x("import", "-silent", "-window", "root", *crop, path)
         return path
 
-    def click(self, window, button=1, at=None):
-        """Clicks the window, at its centre unless `at` gives a point in it."""
+    def click(self, window, button=1, at=None):  # at the centre unless told
         at = at or [v // 2 for v in self.geometry(window)[2:]]
         self.x("xdotool", "mousemove", "--window", window, *at, "click", button)
 
@@ -249,23 +230,24 @@ class Desktop:
                "click", 1)
 
 
-class Nginx:
+class Nginx(Server):
     """nginx serving a folder, logging per request: URI, Range, status, bytes
     sent and the Via header a proxy added. `directives` go into the server
     block (locations, limit_rate)."""
 
     def __init__(self, workdir, docroot, directives="", listen_options=""):
-        self.workdir, self.docroot = Path(workdir), Path(docroot).resolve()
-        self.workdir.mkdir(parents=True, exist_ok=True)
+        super().__init__(workdir)
+        self.docroot = Path(docroot).resolve()
         self.docroot.mkdir(parents=True, exist_ok=True)
         self.directives, self.listen_options = directives, listen_options
-        self.log, self.process, self.port, self._syncs = self.workdir / "access.log", None, 0, 0
+        self.log, self.ready_file, self._syncs = self.workdir / "access.log", None, 0
 
     def url(self, path=""):
         return f"http://127.0.0.1:{self.port}{path}"
 
-    def _configure(self, port):
-        (self.workdir / "nginx.pid").unlink(missing_ok=True)
+    def configure(self, port):
+        self.ready_file = self.workdir / "nginx.pid"
+        self.ready_file.unlink(missing_ok=True)
         # One process and no master: it runs as the caller, reads the caller's
         # private folders and leaves no worker behind.
         (self.workdir / "nginx.conf").write_text(f"""daemon off; master_process off;
@@ -282,17 +264,8 @@ http {{
         {self.directives}
     }}
 }}""")
-
-    def start(self):
-        self.process, self.port = _start_server(
-            [find_program("nginx"), "-p", f"{self.workdir}/", "-e", self.workdir / "error.log",
-             "-c", self.workdir / "nginx.conf"], self.workdir, self._configure,
-            self.workdir / "nginx.pid")
-        return self
-
-    def stop(self):
-        if self.process:
-            self.process.stop()
+        return [find_program("nginx"), "-p", f"{self.workdir}/", "-e", self.workdir / "error.log",
+                "-c", self.workdir / "nginx.conf"]
 
     def requests(self, prefix=""):
         """The requests below prefix, in order, as dicts with uri, name (the
@@ -317,28 +290,15 @@ http {{
         return found
 
 
-class TinyProxy:
+class TinyProxy(Server):
     """tinyproxy, which names itself in the Via header of what it forwards."""
 
-    def __init__(self, workdir):
-        self.workdir, self.process = Path(workdir), None
-        self.workdir.mkdir(parents=True, exist_ok=True)
-
-    def _configure(self, port):
+    def configure(self, port):
         # As root tinyproxy would switch to nobody: keep the current user.
         (self.workdir / "tinyproxy.conf").write_text(
             f"Port {port}\nListen 127.0.0.1\nTimeout 30\nAllow 127.0.0.1\n"
             + ("User root\nGroup root\n" if os.geteuid() == 0 else ""))
-
-    def start(self):
-        self.process, self.port = _start_server(
-            [find_program("tinyproxy"), "-d", "-c", self.workdir / "tinyproxy.conf"],
-            self.workdir, self._configure)
-        return self
-
-    def stop(self):
-        if self.process:
-            self.process.stop()
+        return [find_program("tinyproxy"), "-d", "-c", self.workdir / "tinyproxy.conf"]
 
 
 # Stands in for the client's real updater: records its working directory and
@@ -353,13 +313,9 @@ mv "$record.$$" "$record"
 
 
 class UpdaterRecord:
-    """Where the stand-in updater writes how it was started."""
-
     def __init__(self, path):
         self.path = Path(path)
-
-    def started(self):
-        return self.path.exists()
+        self.started = self.path.exists
 
     def starts(self):
         starts = Path(f"{self.path}.starts")
@@ -389,13 +345,11 @@ class UpdateSite:
     def put_updater(self, record, name="quillon-updater.sh"):
         return self.put(name, UPDATER_SCRIPT.format(record=_quote(record.path)).encode())
 
-    def answer(self, body):
-        """The answer, as a JSON value or as raw text."""
-        text = body if isinstance(body, str) else json.dumps(body)
-        (self.folder / "answer.json").write_text(text)
+    def answer(self, body):  # a JSON value, or raw text
+        (self.folder / "answer.json").write_text(body if type(body) is str else json.dumps(body))
 
-    def requests(self):
-        return self.nginx.requests(self.prefix)
+    def requests(self, name=None):
+        return [r for r in self.nginx.requests(self.prefix) if name in (None, r["name"])]
 
 
 class Installation:
@@ -422,19 +376,16 @@ class Installation:
             template.write_text(re.sub(r"^auto_updater=\d+$", f"auto_updater={log_level}",
                                        template.read_text(), flags=re.M))
 
-    def configure_server(self, host, path):
-        """The update server the installation was shipped with."""
+    def configure_server(self, host, path):  # as shipped
         (self.app / "conf" / "update.conf").write_text(f"[server]\nhost={host}\npath={path}\n")
 
-    def configure_user_server(self, host=None, path=None):
-        """The user's own override, in the client's per-user settings."""
+    def configure_user_server(self, host=None, path=None):  # the user's own override
         store = self.home / ".config" / "Tessaril" / "QuillonClient.ini"
         store.parent.mkdir(parents=True, exist_ok=True)
         store.write_text("[autoupdate]\n" + (f"server_host={host}\n" if host else "")
                          + (f"server_path={path}\n" if path else ""))
 
-    def client_arguments(self, **extra):
-        """The command line the desktop client passes for this installation."""
+    def client_arguments(self, **extra):  # as the desktop client passes them
         argv = ["--root-path", self.app, "--portable-path", self.portable,
                 "--client-version", "1450", "--server-version", "2", "--server-version", "5",
                 "--identify", "quillon-desktop", "--os", "linux", "--arch", "x86",

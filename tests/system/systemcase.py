@@ -2,10 +2,7 @@
 server and a fresh installation pointed at it. CTest passes
 QUILLON_SYSTEM_PREFIX (where the program was installed) and QUILLON_TRAY_PROBE."""
 
-import os
-import shutil
-import tempfile
-import unittest
+import os, shutil, tempfile, unittest
 from pathlib import Path
 
 import harness
@@ -26,9 +23,7 @@ def partial_path(saved):
 
 
 class SystemTestCase(unittest.TestCase):
-    tray = True
-    nginx_directives = ""
-    nginx_listen_options = ""
+    nginx_directives = nginx_listen_options = ""
 
     @classmethod
     def setUpClass(cls):
@@ -36,8 +31,7 @@ class SystemTestCase(unittest.TestCase):
         cls.prefix = Path(setting("QUILLON_SYSTEM_PREFIX"))
         cls.class_dir = Path(tempfile.mkdtemp(prefix=f"quillon-{cls.__name__}-"))
         cls.addClassCleanup(shutil.rmtree, cls.class_dir, ignore_errors=True)
-        cls.desktop = harness.Desktop(cls.class_dir / "desktop", setting("QUILLON_TRAY_PROBE"),
-                                      cls.tray)
+        cls.desktop = harness.Desktop(cls.class_dir / "desktop", setting("QUILLON_TRAY_PROBE"))
         cls.addClassCleanup(cls.desktop.stop)
         cls.desktop.start()
         cls.nginx = harness.Nginx(cls.class_dir / "nginx", cls.class_dir / "www",

@@ -2,15 +2,7 @@
 neighbour plants in a shared temporary folder. Each run ends with the status
 that says what happened and leaves on disk only what the next run can use."""
 
-import glob
-import os
-import pwd
-import shutil
-import signal
-import socket
-import subprocess
-import tempfile
-import unittest
+import glob, os, pwd, shutil, signal, socket, subprocess, tempfile, unittest
 from datetime import datetime
 from pathlib import Path
 
@@ -26,9 +18,9 @@ class FaultTest(SystemTestCase):
         file is left and nothing is started."""
         if os.geteuid() != 0:
             self.skipTest("needs root to mount a small tmpfs")
-        for options, failed, reason, left in [
-                ("size=1m", PACK, "write temp file", [UPDATER]),
-                ("ro,size=64k", UPDATER, "open temp file in write only mode", [])]:
+        for options, reason, left in [
+                ("size=1m", "write temp file", [UPDATER]),
+                ("ro,size=64k", "open temp file in write only mode", [])]:
             with self.subTest(options):
                 site, installation, record = self.offer(harness.pack_bytes(2 * MIB))
                 temp = installation.workdir / "small"
@@ -38,9 +30,6 @@ class FaultTest(SystemTestCase):
 
                 self.assertStatus(installation, self.run_program(
                     installation, installation.client_arguments(temp_path=temp)), 6)
-                partial = partial_path(installation.save_path(failed, temp))
-                self.assertEqual(len([m for m in installation.log_messages("ERROR")
-                                      if f"'{partial}'" in m]), 1)
                 self.assertLogged(installation, "Fail to run auto update. (error code: 6, "
                                   f"reason: fail to {reason})")
                 self.assertNotIn("Download failed, try again.", installation.log_text())
@@ -68,28 +57,22 @@ class FaultTest(SystemTestCase):
         self.assertHandedOff(installation, record, b"--update-pack-path", bytes(saved))
         self.assertEqual(installation.log_messages().count(
             "Download failed, try again. (code: 2, reason: Download failed since proxy error)"), 10)
-        self.assertLogged(installation, "Start download update pack.",
-                          "Downlaoder connect proxy failed, fallback to no proxy.",
-                          "Download update pack done.")
         # nginx logs the proxied transfer once it notices its end.
-        proxied, direct = harness.wait_for(lambda: (r := [r for r in site.requests()
-                                                          if r["name"] == PACK])[1:] and r,
-                                           30, "both pack requests in the log")
+        proxied, direct = harness.wait_for(lambda: site.requests(PACK)[1:] and
+                                           site.requests(PACK), 30, "both pack requests")
         self.assertIn("tinyproxy", proxied["via"])
         self.assertEqual((direct["via"], direct["status"]), ("", 206))
         self.assertLess(direct["bytes"], len(data) - int(direct["range"].strip("bytes=-")) + KIB)
 
     def run_on_fast_clock(self, installation, speed):
-        """libfaketime runs the program's clocks and timers `speed` times as
-        fast, so that its two-minute stall time-out passes in seconds."""
+        """libfaketime makes the program's two-minute stall time-out seconds."""
         library = glob.glob("/usr/lib/*/faketime/libfaketimeMT.so.1")
         if not library:
             self.skipTest("libfaketime is not installed (tools/install-deps.sh installs it)")
         return self.run_program(installation, timeout=90, extra_env={
             "LD_PRELOAD": library[0], "FAKETIME": f"+0 x{speed}"})
 
-    def logged_seconds(self, installation, first, last):
-        """Seconds of the program's clock between two log lines."""
+    def logged_seconds(self, installation, first, last):  # on the program's clock
         times = {m: datetime.strptime(line[:15], "%b %d %H:%M:%S") for line in
                  installation.log_text().splitlines() for m in (first, last)
                  if line.endswith("): " + m)}
@@ -125,9 +108,8 @@ class FaultTest(SystemTestCase):
 
 
 class PlantedFileTest(SystemTestCase):
-    """Another user plants objects under the predictable names in a shared
-    sticky folder: nothing is written through or run, and they stay as they
-    were. Needs root and the user quillon-planter, which tools/test.sh adds."""
+    """Another user's objects under the predictable names in a shared sticky
+    folder are never written through or run, and stay as they were."""
 
     @classmethod
     def setUpClass(cls):
@@ -140,9 +122,7 @@ class PlantedFileTest(SystemTestCase):
         super().setUpClass()
 
     @staticmethod
-    def snapshot(path):
-        """What must not change: the object (mode, inode, owner, size, times),
-        its folder, where a link points, and the file content it leads to."""
+    def snapshot(path):  # the object, its folder, a link's target and content
         return (tuple(os.lstat(path))[:7], os.lstat(path).st_mtime_ns,
                 sorted(os.listdir(path.parent)), os.path.islink(path) and os.readlink(path),
                 os.path.isfile(path) and path.read_bytes())

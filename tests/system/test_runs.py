@@ -2,11 +2,7 @@
 behind: exit status, log, the requests nginx saw, the temporary folder and how
 the downloaded updater was started."""
 
-import os
-import re
-import shutil
-import stat
-import unittest
+import os, re, shutil, stat, unittest
 from urllib.parse import parse_qsl
 
 import harness
@@ -29,14 +25,11 @@ def fetched(site):
 class UpdateRunTest(SystemTestCase):
 
     def test_empty_answer_at_each_server_address(self):
-        """Nothing to do: status 0, nothing fetched. The query goes twice,
-        alike, with the eight items, to host + path of update.conf; the user's
-        settings replace either part alone (the shipped one is then wrong)."""
+        """Status 0, nothing fetched. The query goes twice, alike, with the
+        eight items, to update.conf's host + path or the user's host or path."""
         dead = f"http://127.0.0.1:{harness.free_port()}"
-        for name, user_host, user_path in [("update.conf", False, False),
-                                           ("user's host", True, False),
-                                           ("user's path", False, True)]:
-            with self.subTest(name):
+        for user_host, user_path in [(False, False), (True, False), (False, True)]:
+            with self.subTest(user_host=user_host, user_path=user_path):
                 site, installation, _ = self.new_case()
                 site.answer("{}")
                 installation.configure_server(dead if user_host else self.nginx.url(),
@@ -56,9 +49,8 @@ class UpdateRunTest(SystemTestCase):
                                   "Auto updater finished.", level="INFO")
 
     def test_updater_alone_replacing_a_file_others_could_change(self):
-        """Status 0: the updater is fetched (a group-writable copy under its
-        name is not trusted, however it hashes), made executable and started
-        from "/" though the client ran the program in its own folder."""
+        """A group-writable copy is fetched again; the updater is started from
+        "/" though the client ran the program in its own folder."""
         site, installation, record = self.offer()
         saved = installation.save_path(UPDATER)
         shutil.copy(site.folder / UPDATER, saved)
@@ -69,14 +61,10 @@ class UpdateRunTest(SystemTestCase):
         self.assertEqual(os.listdir(installation.temp_dir), [saved.name])
         self.assertEqual(stat.S_IMODE(saved.stat().st_mode), 0o700)
         self.assertEqual(fetched(site), [(UPDATER, "", 200)])
-        self.assertLogged(installation, "Start download updater.", f"File '{saved}' is not a "
-                          "private file of this user, do not use it.", "Download updater done.",
-                          "Start running updater.", "Auto updater finished.")
 
     def test_updater_pack_and_arguments_then_reuse(self):
-        """Status 0: the pack's partial file is resumed with a Range, and the
-        updater_args arrive byte for byte after the pack's path, a non-text
-        element as an empty argument. The next run fetches nothing again."""
+        """A partial pack is resumed; updater_args arrive byte for byte, a
+        non-text one as an empty argument; the next run fetches nothing."""
         data = harness.pack_bytes(1024 * KIB, seed=7)
         args = ["it's \"quoted\"", "$HOME; rm -rf ~", "two\nlines"]
         site, installation, record = self.offer(data, updater_args=args + [42])
@@ -95,26 +83,18 @@ class UpdateRunTest(SystemTestCase):
                          sorted([saved.name, installation.save_path(UPDATER).name]))
         self.assertEqual(fetched(site), [(UPDATER, "", 200), (PACK, "bytes=400000-", 206)])
         self.assertLess(site.requests()[-1]["bytes"], len(data) - 400000 + KIB)
-        self.assertLogged(installation, "Download updater done.",
-                          "Updater requires update pack, download it.",
-                          "Start download update pack.", "Resume download start from byte: "
-                          "400000.", "Download update pack done.", "Start running updater.")
 
         record.path.unlink()
         self.assertStatus(installation, self.run_program(installation, argv), 0)
         self.assertHandedOff(installation, record, *tail, starts=2)
         self.assertEqual(len(fetched(site)), 2)
-        self.assertLogged(installation, "Updater file exists, use local file.",
-                          "Update pack file exists, use local file.", level="INFO")
 
     def test_failures(self):
-        """Each ends with its status and reason, untried again, starts nothing
-        and leaves no partial file; a hostile name is refused before any file
-        or download. A corrupt partial file goes, so the next run recovers."""
+        """Each ends with its status, not retried, starting nothing and leaving
+        no partial file; a corrupt partial file goes, so the next run recovers."""
         def pack_gone(site, record):
-            pack = site.put(PACK, b"gone")
-            os.remove(site.folder / PACK)
-            return {"updater": site.put_updater(record), "update_pack": pack}
+            return {"updater": site.put_updater(record), "update_pack": dict(
+                site.put_updater(record), name=PACK, url=site.nginx.url(site.prefix + PACK))}
         rows = [
             ("no updater", lambda s, r: {"update_pack": s.put(PACK, b"p")}, 4,
              "No updater information in response.", [], []),
@@ -151,9 +131,8 @@ class UpdateRunTest(SystemTestCase):
                     self.assertEqual(fetched(site)[-1], (PACK, "", 200))
 
     def test_proxy_carries_every_request_or_is_given_up(self):
-        """Through a working proxy every request goes via it. A dead one gets
-        the first attempt and ten retries, then the rest of the run goes
-        direct: status 0 either way."""
+        """A dead proxy gets the first attempt and ten retries of the query and
+        of the download, then they go direct: status 0 either way."""
         proxy = harness.TinyProxy(self.test_dir / "tinyproxy")
         self.addCleanup(proxy.stop)
         proxy.start()
@@ -192,7 +171,6 @@ class UpdateRunTest(SystemTestCase):
 
         process = self.start(installation, ["--help"])
         self.assertEqual(process.wait(30), 0)
-        # Every option with its value's name and a help text.
         self.assertEqual(re.findall(r"^ +(--[\w-]+)(?: <\w+>)? {2,}\S", process.output_text(),
                                     re.M)[:len(OPTIONS)], OPTIONS)
         self.assertEqual(len(installation.log_messages()), 1)
