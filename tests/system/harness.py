@@ -1,8 +1,6 @@
-"""Runs the installed updater as the desktop client starts it, against nginx
-and tinyproxy on free loopback ports and an Xvfb display with trayer as its
-tray. Whatever starts a process here stops it in stop(); waiting is always for
-a condition, with a deadline. Shared by the system tests, tools/demo.py and
-bench/startup; standard library only."""
+"""Runs the installed updater as the desktop client does, against nginx and
+tinyproxy on free loopback ports and Xvfb with trayer as its tray. What starts
+a process stops it in stop(); every wait has a condition and a deadline."""
 
 import ctypes, hashlib, json, os, random, re, select, shutil, signal, socket, subprocess, time
 import urllib.error, urllib.request
@@ -52,8 +50,7 @@ _owned = set()  # our own children; any other child is an orphan we adopted
 
 
 def adopt_orphans():
-    """The updater starts the downloaded program detached. As a subreaper we
-    inherit it, can tell when it has ended and stop it if it has not."""
+    """As a subreaper we inherit the updater's detached child and see it end."""
     if ctypes.CDLL(None).prctl(36, 1, 0, 0, 0) != 0:  # PR_SET_CHILD_SUBREAPER
         raise HarnessError("prctl(PR_SET_CHILD_SUBREAPER) failed")
 
@@ -101,8 +98,7 @@ class Process:
 
 
 class Server:
-    """A daemon on a free port, or another if someone took the one chosen
-    meanwhile. configure(port) writes its settings and returns its command."""
+    """A daemon on a free port; configure(port) writes settings, returns argv."""
 
     ready_file = None
 
@@ -231,9 +227,7 @@ class Desktop:
 
 
 class Nginx(Server):
-    """nginx serving a folder, logging per request: URI, Range, status, bytes
-    sent and the Via header a proxy added. `directives` go into the server
-    block (locations, limit_rate)."""
+    """nginx serving a folder; `directives` go into its server block."""
 
     def __init__(self, workdir, docroot, directives="", listen_options=""):
         super().__init__(workdir)
@@ -268,10 +262,8 @@ http {{
                 "-c", self.workdir / "nginx.conf"]
 
     def requests(self, prefix=""):
-        """The requests below prefix, in order, as dicts with uri, name (the
-        path after prefix), query, range, status, bytes and via. nginx logs a
-        request after its last byte went out, and serves requests in turn: once
-        a request of our own is logged, all earlier ones are too."""
+        """Logged requests below prefix. nginx logs each after its last byte and
+        serves them in turn: once one of ours shows, all earlier ones have."""
         self._syncs += 1
         marker = f"/.sync?{self._syncs}"
         try:
@@ -353,9 +345,8 @@ class UpdateSite:
 
 
 class Installation:
-    """A copy of an installed prefix at <workdir>/root/app (or, given app, that
-    installation where it is) with private per-user folders. The log template
-    is raised to debug level unless log_level is None."""
+    """A copy of an installed prefix at <workdir>/root/app (or app where it is)
+    with private per-user folders, logging at log_level unless None."""
 
     def __init__(self, prefix, workdir, log_level=7, app=None):
         self.workdir = Path(workdir)
@@ -395,8 +386,7 @@ class Installation:
         return [str(a) for a in argv]
 
     def environment(self, desktop, lang="en_US.UTF-8"):
-        """What a user's session hands the program and nothing of ours; no
-        session bus, which would route the tray elsewhere than to trayer."""
+        # No session bus: it would route the tray elsewhere than to trayer.
         return {**desktop.env(), "HOME": str(self.home), "USER": os.environ.get("USER", "user"),
                 "LANG": lang, "DBUS_SESSION_BUS_ADDRESS": f"unix:path={self.workdir}/no-bus",
                 "XDG_CONFIG_HOME": str(self.home / ".config"), "TMPDIR": str(self.temp_dir),

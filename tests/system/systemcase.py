@@ -41,13 +41,10 @@ class SystemTestCase(unittest.TestCase):
 
     def setUp(self):
         self.test_dir = Path(tempfile.mkdtemp(prefix="t-", dir=self.class_dir))
-        # Runs after the test's own processes are stopped: whatever the program
-        # left running is ended here.
-        self.addCleanup(harness.reap_orphans)
+        self.addCleanup(harness.reap_orphans)  # last: after the test's processes stop
         self.cases = 0
 
-    def new_case(self, under=""):
-        """(site, installation, record of the stand-in updater's start)."""
+    def new_case(self, under=""):  # (site, installation, the stand-in updater's record)
         self.cases += 1
         name = f"{self.test_dir.name}-{self.cases}"
         site = harness.UpdateSite(self.nginx, under + name)
@@ -86,9 +83,7 @@ class SystemTestCase(unittest.TestCase):
         for message in messages:
             self.assertIn(message, entries, "log, in order:\n" + installation.log_text())
 
-    def assertHandedOff(self, installation, record, *tail, starts=1):
-        """The updater was started `starts` times, from "/", with the
-        installation's paths followed by tail."""
+    def assertHandedOff(self, installation, record, *tail, starts=1):  # from "/", with the paths
         self.assertEqual(record.wait(), (b"/", [b"--root-path", bytes(installation.app),
                                                 b"--portable-path", bytes(installation.portable),
                                                 *tail]))
