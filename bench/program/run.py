@@ -1,0 +1,173 @@
+#!/usr/bin/env python3
+"""Benchmarks of the installed program, run as the desktop client runs it, on
+an Xvfb display with trayer as its tray, against nginx on loopback.
+
+  start   a whole no-update run (nginx answers "{}") against startup-baseline,
+          a bare QApplication that checks for a tray and exits;
+          target: median per-round ratio at most 1.3.
+  update  a whole update with a pack of --pack-mib MiB (default 1024) served
+          by nginx, against `curl -o FILE URL && md5sum FILE` of the same pack;
+          targets: median ratio of wall times at most 0.70, and the program's
+          peak resident memory at most 40 MiB (as GNU time reports it).
+
+Program and reference alternate, round by round, after one unmeasured run of
+each; the medians are reported. The program is installed from BUILD_DIR into
+a temporary prefix (the targets autoupdater, tray-probe and startup-baseline
+must be built).
+
+  bench/program/run.py [start|update ...] [--build BUILD_DIR] [--rounds N]
+                       [--pack-mib M] [--verbose]
+
+The figures are wall times: run it by hand, on a quiet machine.
+"""
+
+import argparse
+import os
+import shutil
+import statistics
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+from pathlib import Path
+
+TOP = Path(__file__).resolve().parent.parent.parent
+sys.path.insert(0, str(TOP / "tests" / "system"))
+import harness  # noqa: E402
+
+
+def timed(argv, env, cwd, scratch):
+    """Wall time, exit status and peak resident memory (KiB) of one run.
+
+    GNU time reports the peak: a child forked from this Python process would
+    carry the interpreter's high-water mark across exec into wait4's figure.
+    The wait blocks in waitpid, since a wait with a time-out polls with sleeps
+    that would round every figure up; a timer kills a program that hangs."""
+    report = scratch / "peak-kib"
+    start = time.perf_counter()
+    process = subprocess.Popen(["/usr/bin/time", "-f", "%M", "-o", str(report), *argv],
+                               env=env, cwd=cwd, stdout=subprocess.DEVNULL,
+                               stderr=subprocess.DEVNULL)
+    watchdog = threading.Timer(600, process.kill)
+    watchdog.start()
+    try:
+        status = process.wait()
+    finally:
+        watchdog.cancel()
+    seconds = time.perf_counter() - start
+    return seconds, status, int(report.read_text().split()[-1])
+
+
+def alternate(name, runs, rounds, verbose, scratch):
+    """runs: {label: (argv, env, cwd, before_each)}, program first."""
+    results = {label: [] for label in runs}
+    for round_ in range(rounds + 1):
+        for label, (argv, env, cwd, before) in runs.items():
+            before()
+            seconds, status, peak = timed(argv, env, cwd, scratch)
+            if status != 0:
+                sys.exit(f"{name}, round {round_}: {label} exited with {status}")
+            if round_:  # the first round only warms caches up
+                results[label].append((seconds, peak))
+    labels = list(runs)
+    ratios = [p[0] / r[0] for p, r in zip(results[labels[0]], results[labels[1]])]
+    print(f"{name}: {rounds} alternating rounds after one warm-up round each")
+    for label in labels:
+        times = [s for s, _ in results[label]]
+        peaks = [k for _, k in results[label]]
+        if verbose:
+            print(f"  {label} ms:", " ".join(f"{t * 1000:.1f}" for t in times))
+        print(f"  {label:<24} median {statistics.median(times) * 1000:9.1f} ms   "
+              f"peak RSS median {statistics.median(peaks) / 1024:6.1f} MiB "
+              f"(max {max(peaks) / 1024:.1f})")
+    print(f"  median per-round ratio   {statistics.median(ratios):.2f}")
+    return statistics.median(ratios), max(k for _, k in results[labels[0]]) / 1024
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
+    parser.add_argument("what", nargs="*", help="start, update, or both (the default)")
+    parser.add_argument("--build", type=Path, default=TOP / "build")
+    parser.add_argument("--rounds", type=int, default=None,
+                        help="default: 20 for start, 5 for update")
+    parser.add_argument("--pack-mib", type=int, default=1024)
+    parser.add_argument("--verbose", action="store_true", help="print every round's times")
+    args = parser.parse_args()
+    args.what = args.what or ["start", "update"]
+    if set(args.what) - {"start", "update"}:
+        parser.error("measure start, update, or both")
+    build = args.build.resolve()
+    baseline = build / "bench" / "program" / "startup-baseline"
+    if not baseline.exists():
+        sys.exit(f"{baseline} not found: build the startup-baseline target")
+
+    harness.adopt_orphans()
+    work = Path(tempfile.mkdtemp(prefix="quillon-program-bench-"))
+    started, verdict = [], 0
+    try:
+        prefix = work / "prefix"
+        subprocess.run(["cmake", "--install", str(build), "--prefix", str(prefix)], check=True,
+                       stdout=subprocess.DEVNULL)
+        desktop = harness.Desktop(work / "desktop", baseline)  # it asks what the probe asks
+        started.append(desktop)
+        desktop.start()
+        www = work / "www"
+        www.mkdir()
+        nginx = harness.Nginx(work / "nginx", www)
+        started.append(nginx)
+        nginx.start()
+        # As shipped: the installed log level, not the tests' debug level.
+        installation = harness.Installation(prefix, work / "install", log_level=None)
+        env = installation.environment(desktop)
+        program = [str(installation.program)] + installation.client_arguments()
+        nothing = lambda: None  # noqa: E731
+
+        if "start" in args.what:
+            site = harness.UpdateSite(nginx, "start")
+            site.answer("{}")
+            installation.configure_server(nginx.url(), site.answer_path)
+            ratio, _ = alternate("no-update start", {
+                "updater, no update": (program, env, installation.home, nothing),
+                "bare tray application": ([str(baseline)], env, installation.home, nothing),
+            }, args.rounds or 20, args.verbose, work)
+            verdict |= ratio > 1.3
+
+        if "update" in args.what:
+            site = harness.UpdateSite(nginx, "update")
+            record = harness.UpdaterRecord(work / "started")
+            updater = site.put_updater(record)
+            pack_path = site.folder / "pack.bin"
+            with open(pack_path, "wb") as out:  # random, so nothing compresses it
+                for _ in range(args.pack_mib):
+                    out.write(os.urandom(1 << 20))
+            pack = {"name": "pack.bin", "url": nginx.url(site.prefix + "pack.bin"),
+                    "checksum": harness.file_md5(pack_path)}
+            site.answer({"updater": dict(updater, need_user_permit=False), "update_pack": pack})
+            installation.configure_server(nginx.url(), site.answer_path)
+            fetched = work / "curl.bin"
+
+            def clean():  # every round downloads both files from scratch
+                for path in (installation.save_path("pack.bin"),
+                             installation.save_path(updater["name"]), fetched):
+                    path.unlink(missing_ok=True)
+            reference = ["sh", "-c", 'curl -s -o "$1" "$2" && md5sum "$1" >/dev/null', "ref",
+                         str(fetched), pack["url"]]
+            rounds = args.rounds or 5
+            ratio, peak = alternate(f"update with a {args.pack_mib} MiB pack", {
+                "updater, full update": (program, env, installation.home, clean),
+                "curl -o && md5sum": (reference, env, installation.home, clean),
+            }, rounds, args.verbose, work)
+            if record.starts() != rounds + 1:  # each run must really have ended in a hand-off
+                sys.exit(f"the updater was started {record.starts()} times in {rounds + 1} runs")
+            verdict |= ratio > 0.70 or peak > 40
+        return verdict
+    finally:
+        for thing in reversed(started):
+            thing.stop()
+        harness.reap_orphans()
+        shutil.rmtree(work, ignore_errors=True)
+
+
+if __name__ == "__main__":
+    sys.exit(main())
