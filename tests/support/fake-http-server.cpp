@@ -38,7 +38,7 @@ void FakeHttpServer::serve(QTcpSocket *socket) {
                                    line.mid(colon + 1).trimmed());
         }
         requests.append(request);
-        respond(socket, request,
+        respond(socket, request.headers.value("range"),
                 !queue.isEmpty() ? queue.dequeue()
                 : handler        ? handler(request)
                                  : HttpResponse::with(404, "no answer scripted"));
@@ -46,27 +46,25 @@ void FakeHttpServer::serve(QTcpSocket *socket) {
     socket->setProperty("buffer", buffer);
 }
 
-void FakeHttpServer::respond(QTcpSocket *socket, const HttpRequest &request,
+void FakeHttpServer::respond(QTcpSocket *socket, const QByteArray &range,
                              const HttpResponse &response) {
-    if (response.stallAfter >= 0)
-        socket->setProperty("muted", true);
     int status = response.status;
     QByteArray body = response.body;
     QByteArray head;
-    const QByteArray range = request.headers.value("range");
     if (response.ranged && range.startsWith("bytes=")) {
-        const qint64 from = range.mid(6, range.indexOf('-') - 6).toLongLong();
-        const QByteArray size = QByteArray::number(body.size());
-        head += "Content-Range: bytes " + QByteArray::number(from) + "-" +
-                QByteArray::number(body.size() - 1) + "/" + size + "\r\n";
+        const QByteArray from = range.mid(6, range.indexOf('-') - 6);
+        head += "Content-Range: bytes " + from + "-" + QByteArray::number(body.size() - 1) + "/" +
+                QByteArray::number(body.size()) + "\r\n";
         status = 206;
-        body = body.mid(static_cast<int>(from));
+        body = body.mid(from.toInt());
     }
     for (const auto &h : response.headers)
         head += h.first + ": " + h.second + "\r\n";
     if (response.length)
         head += "Content-Length: " + QByteArray::number(body.size()) + "\r\n";
-    if (response.stallAfter >= 0)
+    if (response.stallAfter >= 0) {
+        socket->setProperty("muted", true);
         body = body.left(static_cast<int>(response.stallAfter));
+    }
     socket->write("HTTP/1.1 " + QByteArray::number(status) + " Status\r\n" + head + "\r\n" + body);
 }

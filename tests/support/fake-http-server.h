@@ -64,7 +64,7 @@ public:
 
 private:
     void serve(QTcpSocket *socket);
-    void respond(QTcpSocket *socket, const HttpRequest &request, const HttpResponse &response);
+    void respond(QTcpSocket *socket, const QByteArray &range, const HttpResponse &response);
 
     QQueue<HttpResponse> queue;
 };
