@@ -3,10 +3,11 @@
 
 usage: check_catalogue.py <code>
 
-Reports what the catalogue test would reject for this language: messages
-still unfinished, translations whose markers differ from the source, and
-translations equal to their English source that the allow-list does not
-name. Exits 0 when the catalogue is complete and clean.
+Reports what would keep this language from shipping: messages still
+unfinished, translations whose markers differ from the source, English
+translations that differ from their source, and translations equal to their
+English source that the allow-list does not name. Exits 0 when the catalogue
+is complete and clean. CTest runs it for every catalogue (label catalogues).
 """
 
 import sys
@@ -32,6 +33,8 @@ def main(argv):
             problems.append(f"{i}\tunfinished\t{m.source}")
         elif strtab_io.markers(m.translation) != strtab_io.markers(m.source):
             problems.append(f"{i}\tmarkers differ\t{m.source}\t{m.translation}")
+        elif code == strtab_io.SOURCE_LANGUAGE and m.translation != m.source:
+            problems.append(f"{i}\tEnglish differs from the source\t{m.source}\t{m.translation}")
         elif code != strtab_io.SOURCE_LANGUAGE and m.translation == m.source \
                 and (code, m.source) not in allowed:
             problems.append(f"{i}\tsame as English\t{m.source}")
