@@ -27,10 +27,8 @@ private slots:
         QCOMPARE(utf16(s), QString::fromUtf8("\xc3\xa9 "));
         s.append("!");
         QCOMPARE(utf16(s), QString::fromUtf8("\xc3\xa9 !"));
-        s += s;
-        QCOMPARE(utf16(s), QString::fromUtf8("\xc3\xa9 !\xc3\xa9 !"));
         s += u"\u20ac";
-        QCOMPARE(utf16(s), QString::fromUtf8("\xc3\xa9 !\xc3\xa9 !\xe2\x82\xac"));
+        QCOMPARE(utf16(s), QString::fromUtf8("\xc3\xa9 !\xe2\x82\xac"));
         s = std::string("/srv");
         QCOMPARE(utf16(s), QStringLiteral("/srv"));
     }
