@@ -188,7 +188,7 @@ private slots:
         server->handler = [&answer](const HttpRequest &request) {
             const int n = QUrlQuery(QUrl(request.target).query()).queryItemValue("n").toInt();
             if (n == 0)
-                return HttpResponse::with(200, answer);
+                return HttpResponse::with(200, answer).honourRange();
             return HttpResponse::with(301, "<html>moved</html>")
                 .header("Location", "/c?n=" + QByteArray::number(n - 1));
         };
