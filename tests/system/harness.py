@@ -2,7 +2,7 @@
 tinyproxy on free loopback ports and Xvfb with trayer as its tray. What starts
 a process stops it in stop(); every wait has a condition and a deadline."""
 
-import ctypes, hashlib, json, os, random, re, select, shutil, signal, socket, subprocess, time
+import ctypes, hashlib, json, os, random, re, select, shutil, signal, socket, ssl, subprocess, time
 import urllib.error, urllib.request
 from pathlib import Path
 
@@ -234,10 +234,11 @@ class Nginx(Server):
         self.docroot = Path(docroot).resolve()
         self.docroot.mkdir(parents=True, exist_ok=True)
         self.directives, self.listen_options = directives, listen_options
+        self.scheme = "https" if "ssl" in listen_options.split() else "http"
         self.log, self.ready_file, self._syncs = self.workdir / "access.log", None, 0
 
     def url(self, path=""):
-        return f"http://127.0.0.1:{self.port}{path}"
+        return f"{self.scheme}://127.0.0.1:{self.port}{path}"
 
     def configure(self, port):
         self.ready_file = self.workdir / "nginx.pid"
@@ -249,7 +250,7 @@ pid {_quote(self.workdir / 'nginx.pid')}; error_log {_quote(self.workdir / 'erro
 events {{ }}
 http {{
     types {{ application/json json; }}
-    log_format t "$request_uri\\t$http_range\\t$status\\t$bytes_sent\\t$http_via";
+    log_format t "$request_uri\\t$http_range\\t$status\\t$bytes_sent\\t$http_via\\t$connection";
     access_log {_quote(self.log)} t;
     {"".join(f"{k}_temp_path {_quote(self.workdir / k)}; " for k in
              ("client_body", "proxy", "fastcgi", "uwsgi", "scgi"))}
@@ -267,18 +268,21 @@ http {{
         self._syncs += 1
         marker = f"/.sync?{self._syncs}"
         try:
-            urllib.request.urlopen(self.url(marker), timeout=10)
+            # Our own marker, also to servers whose certificate a test wants refused.
+            urllib.request.urlopen(self.url(marker), timeout=10,
+                                   context=ssl._create_unverified_context())
         except urllib.error.HTTPError:
             pass
         wait_for(lambda: marker in self.log.read_text(), 10, "nginx to log")
         found = []
         for line in self.log.read_text().splitlines():
-            uri, range_, status, sent, via = [v if v != "-" else "" for v in line.split("\t")]
+            uri, range_, status, sent, via, connection = [v if v != "-" else ""
+                                                          for v in line.split("\t")]
             path, _, query = uri.partition("?")
             if path.startswith(prefix) and path != "/.sync":
                 found.append({"uri": uri, "name": path[len(prefix):], "query": query,
                               "range": range_, "status": int(status), "bytes": int(sent),
-                              "via": via})
+                              "via": via, "connection": connection})
         return found
 
 

@@ -173,6 +173,8 @@ class UpdateRunTest(SystemTestCase):
         self.assertEqual(process.wait(30), 0)
         self.assertEqual(re.findall(r"^ +(--[\w-]+)(?: <\w+>)? {2,}\S", process.output_text(),
                                     re.M)[:len(OPTIONS)], OPTIONS)
+        self.assertIn("tesslocale.cpp:", process.output_text())  # traces name the file alone,
+        self.assertNotIn("/ui-client/", process.output_text())  # not the build machine's path
         self.assertEqual(len(installation.log_messages()), 1)
 
 
