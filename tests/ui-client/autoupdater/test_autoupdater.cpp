@@ -268,6 +268,12 @@ private slots:
             << "" << 1000 << 1 << 6000 << 1;
         QTest::newRow("a proxy's 407 page is not written")
             << HttpResponse::with(407, "<html>sign in</html>") << "proxy" << 1000 << 2 << 1000 << 1;
+        // Not an error to the network library, and no file either: what is on
+        // disk goes to the digest check instead of being retried ten times.
+        QTest::newRow("a 300 page is checked, not resumed")
+            << HttpResponse::with(300, "<html>choose</html>") << "" << 1000 << 6 << -1 << 1;
+        QTest::newRow("a 302 leading nowhere is checked, not resumed")
+            << HttpResponse::with(302, "<html>moved</html>") << "" << 1000 << 6 << -1 << 1;
         QTest::newRow("a complete file needs no request")
             << HttpResponse::with(404) << "" << size << 0 << -1 << 0;
         QTest::newRow("a data: URL is not fetched") << file << "data" << 1000 << 4 << 1000 << 0;
