@@ -1,5 +1,6 @@
 #include "autoupdater.h"
 
+#include "answer-signature.h"
 #include "dpiinfo.h"
 #include "log/log.h"
 #include "texts/strtab.h"
@@ -50,12 +51,30 @@ const char *const PROGRESS_DIALOG_STYLE = "QProgressDialog { \n"
                                           "  font-size: 12px \n"
                                           "}";
 
+// The size and SHA-256 digest a file must have: in a build that requires
+// signed answers, those the signed answer gives (the MD5 digest alone lets
+// whoever serves the files choose bytes to match it); otherwise none.
+struct FileExpectation {
+    qint64 size = -1;
+    QByteArray sha256;
+};
+
+FileExpectation expectationOf(const QJsonObject &file) {
+    FileExpectation expected;
+    if (AnswerSignature::isRequired()) {
+        // Checked with the signature: a whole number within a double's exact range.
+        expected.size = static_cast<qint64>(file.value(QLatin1String("size")).toDouble());
+        expected.sha256 = file.value(QLatin1String("sha256")).toString().toLatin1();
+    }
+    return expected;
+}
+
 // The temporary folder is usually shared by every user and the save names are
 // predictable, so a file found there is trusted only if this user made it and
 // no one else could have changed it since: a regular file (not a link), owned
 // by us, not writable by group or others. Only then is its digest worth
 // checking against the answer's.
-bool isReusable(const QString &path, const QString &checksum) {
+bool isReusable(const QString &path, const QString &checksum, const FileExpectation &expected) {
     struct stat st;
     if (lstat(QFile::encodeName(path).constData(), &st) != 0)
         return false;
@@ -64,7 +83,7 @@ bool isReusable(const QString &path, const QString &checksum) {
                      qUtf8Printable(path));
         return false;
     }
-    return UpdateDownloader::isChecksumMatched(path, checksum);
+    return UpdateDownloader::isChecksumMatched(path, checksum, expected.size, expected.sha256);
 }
 
 } // namespace
@@ -167,9 +186,10 @@ void AutoUpdater::downloadUpdater() {
     const QString url = updater.value(QLatin1String("url")).toString();
     const QString checksum = updater.value(QLatin1String("checksum")).toString();
     const QString save_path = getTempFilePath(updater.value(QLatin1String("name")).toString());
+    const FileExpectation expected = expectationOf(updater);
     QLOG_INFO(LOG_COMPONENT, "Start download updater.");
 
-    if (isReusable(save_path, checksum)) {
+    if (isReusable(save_path, checksum, expected)) {
         QLOG_INFO(LOG_COMPONENT, "Updater file exists, use local file.");
         downloadUpdaterDone();
         return;
@@ -181,6 +201,8 @@ void AutoUpdater::downloadUpdater() {
     download_retry_count = 0;
     downloader->setDownloadUrl(url);
     downloader->setExpectChecksum(checksum);
+    downloader->setExpectSize(expected.size);
+    downloader->setExpectSha256(expected.sha256);
     downloader->setSavePath(save_path);
     downloader->download();
 }
@@ -201,9 +223,10 @@ void AutoUpdater::downloadUpdatePack() {
     const QString url = pack.value(QLatin1String("url")).toString();
     const QString checksum = pack.value(QLatin1String("checksum")).toString();
     const QString save_path = getTempFilePath(pack.value(QLatin1String("name")).toString());
+    const FileExpectation expected = expectationOf(pack);
     QLOG_INFO(LOG_COMPONENT, "Start download update pack.");
 
-    if (isReusable(save_path, checksum)) {
+    if (isReusable(save_path, checksum, expected)) {
         QLOG_INFO(LOG_COMPONENT, "Update pack file exists, use local file.");
         downloadUpdatePackDone();
         return;
@@ -217,6 +240,8 @@ void AutoUpdater::downloadUpdatePack() {
     download_retry_count = 0;
     downloader->setDownloadUrl(url);
     downloader->setExpectChecksum(checksum);
+    downloader->setExpectSize(expected.size);
+    downloader->setExpectSha256(expected.sha256);
     downloader->setSavePath(save_path);
     downloader->download();
 }

@@ -46,9 +46,10 @@ QString errnoText(int code) {
     return QString::fromLocal8Bit(std::strerror(code));
 }
 
-// The first byte position of a "Content-Range: bytes first-last/length"
-// header; -1 when the header is missing or malformed.
-qint64 contentRangeStart(const QByteArray &header) {
+// The first byte position (field 1) or the whole length (field 3) of a
+// "Content-Range: bytes first-last/length" header; -1 when the header is
+// missing or malformed, or the length is not known ("*").
+qint64 contentRangeField(const QByteArray &header, int field) {
     static const QRegularExpression form(
         QStringLiteral("^\\s*bytes\\s+(\\d+)-(\\d+)/(\\d+|\\*)\\s*$"),
         QRegularExpression::CaseInsensitiveOption);
@@ -56,8 +57,8 @@ qint64 contentRangeStart(const QByteArray &header) {
     if (!match.hasMatch())
         return -1;
     bool ok = false;
-    const qint64 first = match.captured(1).toLongLong(&ok);
-    return ok ? first : -1;
+    const qint64 value = match.captured(field).toLongLong(&ok);
+    return ok ? value : -1;
 }
 } // namespace
 
@@ -65,9 +66,10 @@ const QString UpdateDownloader::TEMP_EXT = QStringLiteral(".download");
 
 UpdateDownloader::UpdateDownloader(QObject *parent)
     : QObject(parent), manager(new QNetworkAccessManager(this)), reply(nullptr),
-      timer(new QTimer(this)), download_file(nullptr), file_size(0),
-      digest(QCryptographicHash::Md5), timeout(DEFAULT_TIMEOUT), max_redirect(0),
-      body_action(BodyAction::Undecided), pending_error(NoError) {
+      timer(new QTimer(this)), download_file(nullptr), expect_size(-1), file_size(0),
+      written_size(0), digest(QCryptographicHash::Md5), sha256_digest(QCryptographicHash::Sha256),
+      timeout(DEFAULT_TIMEOUT), max_redirect(0), body_action(BodyAction::Undecided),
+      pending_error(NoError) {
     // Registered by name so the code can travel through queued and
     // signature-named connections, not only through direct ones.
     qRegisterMetaType<UpdateDownloader::UpdateDownloaderError>();
@@ -116,7 +118,7 @@ void UpdateDownloader::download() {
     // A process stopped between the last byte and the rename leaves the whole
     // file behind: asking for the range after its end would only be refused,
     // and the refusal would throw the file away.
-    if (isResumeDownload() && !expect_checksum.isEmpty() && digestMatches()) {
+    if (isResumeDownload() && hasExpectedDigest() && findMismatch().isEmpty()) {
         QLOG_INFO(LOG_COMPONENT, "Temp file '%s' already complete, no download needed.",
                   qUtf8Printable(save_path + TEMP_EXT));
         download_file->close();
@@ -135,6 +137,29 @@ void UpdateDownloader::download() {
             },
             Qt::QueuedConnection);
         return;
+    }
+
+    // Not complete, yet as long as the whole file or longer: whatever it holds
+    // is not the start of this file, and asking for the bytes after its end
+    // would only be refused.
+    if (expect_size >= 0 && file_size > 0 && file_size >= expect_size) {
+        QLOG_INFO(LOG_COMPONENT,
+                  "Temp file '%s' is not the expected file, download restarts from byte 0.",
+                  qUtf8Printable(save_path + TEMP_EXT));
+        if (!download_file->resize(0)) {
+            QLOG_ERROR(LOG_COMPONENT, "Fail to write temp file '%s'. (reason: %s)",
+                       qUtf8Printable(save_path + TEMP_EXT),
+                       qUtf8Printable(download_file->errorString()));
+            QFile::remove(save_path + TEMP_EXT);
+            reset();
+            QMetaObject::invokeMethod(
+                this, [this]() { emit error(SysError, QStringLiteral("fail to write temp file")); },
+                Qt::QueuedConnection);
+            return;
+        }
+        file_size = written_size = 0;
+        digest.reset();
+        sha256_digest.reset();
     }
 
     prepareTrustFor(url);
@@ -287,20 +312,33 @@ void UpdateDownloader::examineAnswer() {
             failTransfer(SysError, QStringLiteral("fail to write temp file"));
             return;
         }
-        file_size = 0;
+        file_size = written_size = 0;
         digest.reset();
+        sha256_digest.reset();
     } else if (status == 206) {
         // Partial content that does not continue exactly where the file ends
         // would leave a gap or an overlap in it.
         const QByteArray range = reply->rawHeader("Content-Range");
-        if (contentRangeStart(range) != file_size) {
+        if (contentRangeField(range, 1) != file_size) {
             QLOG_ERROR(LOG_COMPONENT,
                        "Fail to download file. (reason: content range '%s' does not start at "
                        "byte %lld)",
                        range.constData(), static_cast<long long>(file_size));
             failTransfer(HttpError,
                          QStringLiteral("Download failed since unexpected content range"));
+            return;
         }
+    }
+    // A file announced larger than the one expected is not that file; not
+    // a byte of it is written. One that does not announce its length is
+    // held to the size as it arrives.
+    const qint64 total = announcedTotal();
+    if (expect_size >= 0 && total > expect_size) {
+        QLOG_ERROR(LOG_COMPONENT,
+                   "Fail to download file. (reason: announced size %lld exceeds the expected "
+                   "%lld bytes)",
+                   static_cast<long long>(total), static_cast<long long>(expect_size));
+        failTransfer(SysError, QStringLiteral("File larger than expected"));
     }
 }
 
@@ -327,6 +365,11 @@ void UpdateDownloader::readyRead() {
 
     const char *next = data.constData();
     qint64 left = data.size();
+    // Never past the expected size: what the server sends beyond it is not
+    // written, and the transfer ends with the file removed.
+    const bool too_long = expect_size >= 0 && left > expect_size - written_size;
+    if (too_long)
+        left = expect_size - written_size;
     while (left > 0) {
         // A short write is retried; the disk reports its reason on the retry.
         const qint64 written = download_file->write(next, left);
@@ -341,9 +384,15 @@ void UpdateDownloader::readyRead() {
         }
         // Only what the disk took is hashed, so the digest always describes
         // the file as it lies there.
-        digest.addData(next, static_cast<int>(written));
+        hashWritten(next, static_cast<int>(written));
         next += written;
         left -= written;
+    }
+    if (too_long) {
+        QLOG_ERROR(LOG_COMPONENT,
+                   "Fail to download file. (reason: body goes on past the expected %lld bytes)",
+                   static_cast<long long>(expect_size));
+        failTransfer(SysError, QStringLiteral("File larger than expected"));
     }
 }
 
@@ -452,11 +501,13 @@ void UpdateDownloader::downloadFinished() {
 
     // Beyond the checks made when the answer began, the digest over the file
     // as it lies on disk is the guard.
-    if (!digestMatches()) {
+    const QString mismatch = findMismatch();
+    if (!mismatch.isEmpty()) {
         QFile::remove(temp_path);
         reset();
-        QLOG_ERROR(LOG_COMPONENT, "Fail to download file. (reason: checksum not matched)");
-        emit error(SysError, QStringLiteral("File checksum not matched"));
+        QLOG_ERROR(LOG_COMPONENT, "Fail to download file. (reason: %s not matched)",
+                   qUtf8Printable(mismatch));
+        emit error(SysError, QStringLiteral("File %1 not matched").arg(mismatch));
         return;
     }
 
@@ -522,8 +573,9 @@ void UpdateDownloader::reset() {
     pending_reason.clear();
 }
 
-bool UpdateDownloader::isChecksumMatched(const QString &file_path, const QString &checksum) {
-    if (checksum.isEmpty())
+bool UpdateDownloader::isChecksumMatched(const QString &file_path, const QString &checksum,
+                                         qint64 size, const QByteArray &sha256) {
+    if (checksum.isEmpty() && size < 0 && sha256.isEmpty())
         return true;
 
     auto file = std::make_unique<QFile>(file_path);
@@ -532,8 +584,13 @@ bool UpdateDownloader::isChecksumMatched(const QString &file_path, const QString
         return false;
     }
 
+    // The size is known without reading: a file of another size is not read.
+    if (size >= 0 && file->size() != size)
+        return false;
     QCryptographicHash hash(QCryptographicHash::Md5);
+    QCryptographicHash sha256_hash(QCryptographicHash::Sha256);
     QByteArray chunk(static_cast<int>(HASH_CHUNK_SIZE), Qt::Uninitialized);
+    qint64 total = 0;
     for (;;) {
         const qint64 read = file->read(chunk.data(), HASH_CHUNK_SIZE);
         if (read == 0)
@@ -541,12 +598,20 @@ bool UpdateDownloader::isChecksumMatched(const QString &file_path, const QString
         // A file that cannot be read to its end cannot be vouched for.
         if (read < 0)
             return false;
-        hash.addData(chunk.constData(), static_cast<int>(read));
+        if (!checksum.isEmpty())
+            hash.addData(chunk.constData(), static_cast<int>(read));
+        if (!sha256.isEmpty())
+            sha256_hash.addData(chunk.constData(), static_cast<int>(read));
+        total += read;
     }
     file->close();
 
-    const QString digest = QString::fromLatin1(hash.result().toHex());
-    return digest.compare(checksum, Qt::CaseInsensitive) == 0;
+    // Read to the end: a file that grew after the size was looked at is not it.
+    return (size < 0 || total == size) &&
+           (checksum.isEmpty() ||
+            QString::fromLatin1(hash.result().toHex()).compare(checksum, Qt::CaseInsensitive) ==
+                0) &&
+           (sha256.isEmpty() || sha256_hash.result().toHex() == sha256.toLower());
 }
 
 bool UpdateDownloader::hashExistingPrefix(int fd, qint64 size) {
@@ -554,6 +619,8 @@ bool UpdateDownloader::hashExistingPrefix(int fd, qint64 size) {
     // before new bytes are appended to it. Read through the descriptor that
     // was checked, so the bytes hashed are those of that very file.
     digest.reset();
+    sha256_digest.reset();
+    written_size = 0;
     QByteArray chunk(static_cast<int>(HASH_CHUNK_SIZE), Qt::Uninitialized);
     qint64 offset = 0;
     while (offset < size) {
@@ -567,17 +634,33 @@ bool UpdateDownloader::hashExistingPrefix(int fd, qint64 size) {
                 errno = EIO; // the file shrank under us
             return false;
         }
-        digest.addData(chunk.constData(), static_cast<int>(read));
+        hashWritten(chunk.constData(), static_cast<int>(read));
         offset += read;
     }
     return true;
 }
 
-bool UpdateDownloader::digestMatches() const {
-    if (expect_checksum.isEmpty())
-        return true;
-    const QString hex = QString::fromLatin1(digest.result().toHex());
-    return hex.compare(expect_checksum, Qt::CaseInsensitive) == 0;
+void UpdateDownloader::hashWritten(const char *data, int size) {
+    digest.addData(data, size);
+    // SHA-256 costs more than MD5 and is only worked out when it is checked.
+    if (!expect_sha256.isEmpty())
+        sha256_digest.addData(data, size);
+    written_size += size;
+}
+
+bool UpdateDownloader::hasExpectedDigest() const {
+    return !expect_checksum.isEmpty() || !expect_sha256.isEmpty();
+}
+
+QString UpdateDownloader::findMismatch() const {
+    if (expect_size >= 0 && written_size != expect_size)
+        return QStringLiteral("size");
+    if (!expect_checksum.isEmpty() && QString::fromLatin1(digest.result().toHex())
+                                              .compare(expect_checksum, Qt::CaseInsensitive) != 0)
+        return QStringLiteral("checksum");
+    if (!expect_sha256.isEmpty() && sha256_digest.result().toHex() != expect_sha256.toLower())
+        return QStringLiteral("sha256");
+    return QString();
 }
 
 void UpdateDownloader::reportInterrupted(int code, const QString &reason) {
@@ -609,4 +692,16 @@ qint64 UpdateDownloader::announcedSize() const {
     // After a 200 to a ranged request file_size is back at 0; after a 206 it
     // is where the range started.
     return file_size + length.toLongLong();
+}
+
+qint64 UpdateDownloader::announcedTotal() const {
+    const QByteArray encoding = reply->rawHeader("Content-Encoding").toLower();
+    if (!encoding.isEmpty() && encoding != "identity")
+        return -1;
+    // A 206 also names the whole file's length, which may say more than the
+    // part of it this answer carries.
+    const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    const qint64 range_total =
+        status == 206 ? contentRangeField(reply->rawHeader("Content-Range"), 3) : -1;
+    return qMax(announcedSize(), range_total);
 }

@@ -15,7 +15,8 @@ class QUrl;
 
 // Downloads one file into "<save path>.download", resuming whatever an
 // earlier attempt left there with an open-ended "Range" request, and moves it
-// to the save path only once its MD5 digest matches the announced one.
+// to the save path only once its MD5 digest matches the announced one (and,
+// when they are given, its size and SHA-256 digest).
 //
 // Network and proxy failures (a cut connection, a stall, an abort) keep the
 // temporary file so that the next download() continues it; HTTP refusals and
@@ -29,7 +30,10 @@ class QUrl;
 // only http and https are fetched (redirects never from https down to http),
 // a server that ignores "Range" has its whole answer written from byte 0, an
 // answer for the wrong range is refused before a byte of it is written, and a
-// write the disk refuses ends the transfer at once.
+// write the disk refuses ends the transfer at once. With an expected size, an
+// answer announcing more is refused before a byte of it is written, and a body
+// that goes on past that size is cut off there: an endless answer cannot fill
+// the disk.
 class UpdateDownloader : public QObject {
     Q_OBJECT
 
@@ -60,14 +64,21 @@ public:
     void setSavePath(const QString &path) { save_path = path; }
     QString getExpectChecksum() const { return expect_checksum; }
     void setExpectChecksum(const QString &checksum) { expect_checksum = checksum; }
+    // -1: any size.
+    void setExpectSize(qint64 size) { expect_size = size; }
+    // Hexadecimal, any case; empty: not checked, and not computed either.
+    void setExpectSha256(const QByteArray &hex) { expect_sha256 = hex; }
     int getTimeout() const { return timeout; }
     void setTimeout(int msec) { timeout = msec; }
 
     void setProxy(const QNetworkProxy &proxy);
 
     // True when the MD5 digest of the file equals checksum (hexadecimal, any
-    // case). An empty checksum matches anything, without touching the file.
-    static bool isChecksumMatched(const QString &file_path, const QString &checksum);
+    // case), its size equals size unless that is -1, and its SHA-256 digest
+    // equals sha256 unless that is empty. With nothing to check it matches
+    // anything, without touching the file.
+    static bool isChecksumMatched(const QString &file_path, const QString &checksum,
+                                  qint64 size = -1, const QByteArray &sha256 = QByteArray());
 
     // Whether a redirect from the URL asked for to the resolved target may be
     // followed: the target must be http or https, and an https request must
@@ -107,8 +118,11 @@ private:
     bool moveToSavePath();
     void reportInterrupted(int code, const QString &reason);
     qint64 announcedSize() const;
+    qint64 announcedTotal() const;
     bool hashExistingPrefix(int fd, qint64 size);
-    bool digestMatches() const;
+    void hashWritten(const char *data, int size);
+    bool hasExpectedDigest() const;
+    QString findMismatch() const;
 
     // What happens to the body of the reply in flight; decided once, from its
     // status and headers, before the first byte of it is written.
@@ -125,11 +139,17 @@ private:
     QString save_path;
     QFile *download_file;
     QString expect_checksum;
+    qint64 expect_size;
+    QByteArray expect_sha256;
     // Bytes the temporary file held when it was opened: the resume offset.
     qint64 file_size;
-    // MD5 of everything in the temporary file, kept up to date as bytes are
-    // written, so a finished file is never read back for its digest.
+    // Bytes in the temporary file now.
+    qint64 written_size;
+    // MD5 (and, when one is expected, SHA-256) of everything in the temporary
+    // file, kept up to date as bytes are written, so a finished file is never
+    // read back for its digest.
     QCryptographicHash digest;
+    QCryptographicHash sha256_digest;
     int timeout;
     // Redirects followed so far by this object; never reset.
     int max_redirect;
