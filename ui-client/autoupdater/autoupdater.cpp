@@ -13,8 +13,10 @@
 #include <QFont>
 #include <QGuiApplication>
 #include <QIcon>
+#include <QIconEngine>
 #include <QJsonArray>
 #include <QMenu>
+#include <QPainter>
 #include <QProcess>
 #include <QProgressDialog>
 #include <QPushButton>
@@ -312,9 +314,42 @@ void AutoUpdater::terminate() {
 
 // ---- tray notification and progress dialog
 
+namespace {
+// The tray icon's picture, decoded when something first draws it. A run that
+// finds nothing to do never shows the icon, and decoding it at start-up, which
+// also loads every image format plugin, was a noticeable part of such a run.
+class DeferredIconEngine : public QIconEngine {
+public:
+    explicit DeferredIconEngine(const QString &file_name) : file_name(file_name) {}
+    void paint(QPainter *painter, const QRect &rect, QIcon::Mode mode,
+               QIcon::State state) override {
+        icon().paint(painter, rect, Qt::AlignCenter, mode, state);
+    }
+    QPixmap pixmap(const QSize &size, QIcon::Mode mode, QIcon::State state) override {
+        return icon().pixmap(size, mode, state);
+    }
+    QSize actualSize(const QSize &size, QIcon::Mode mode, QIcon::State state) override {
+        return icon().actualSize(size, mode, state);
+    }
+    QList<QSize> availableSizes(QIcon::Mode mode, QIcon::State state) const override {
+        return icon().availableSizes(mode, state);
+    }
+    QIconEngine *clone() const override { return new DeferredIconEngine(file_name); }
+
+private:
+    const QIcon &icon() const {
+        if (decoded.isNull())
+            decoded = QIcon(file_name);
+        return decoded;
+    }
+    const QString file_name;
+    mutable QIcon decoded;
+};
+} // namespace
+
 void AutoUpdater::setTrayIcon() {
-    tray_icon->setIcon(
-        QIcon(QString::fromLatin1(IsBlackAndWhiteIcon() ? ICON_BLACK_AND_WHITE : ICON_NORMAL)));
+    tray_icon->setIcon(QIcon(new DeferredIconEngine(
+        QString::fromLatin1(IsBlackAndWhiteIcon() ? ICON_BLACK_AND_WHITE : ICON_NORMAL))));
 }
 
 void AutoUpdater::startUpdate() {
