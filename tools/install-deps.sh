@@ -13,6 +13,11 @@ packages=(
     nginx-light tinyproxy curl procps psmisc python3
     libfaketime  # runs the updater's clock fast in the stall time-out tests
 )
+# The 32-bit build and test run (tools/i386.sh) needs these on a 64-bit
+# machine only; inside its i386 root they would be of no use.
+if [ "$(dpkg --print-architecture)" = amd64 ]; then
+    packages+=(debootstrap qemu-user-static)
+fi
 
 missing=()
 for p in "${packages[@]}"; do

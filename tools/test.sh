@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs what is needed, builds with warnings as errors and runs every test
 # through CTest, then repeats the tests in a build with AddressSanitizer and
-# UndefinedBehaviorSanitizer.
+# UndefinedBehaviorSanitizer, and finally builds and tests for 32-bit x86.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 "$top/tools/install-deps.sh"
@@ -26,4 +26,17 @@ if [ "${QUILLON_SKIP_SANITIZERS:-0}" != 1 ]; then
         -DQUILLON_SANITIZE=ON
     cmake --build "$san" -j "$jobs"
     ctest --test-dir "$san" --output-on-failure -j "$jobs" -LE no-sanitize
+fi
+
+# The same build and tests for 32-bit x86, in a Debian i386 root
+# (tools/i386.sh). It needs root: CI always runs it; elsewhere it is skipped
+# without root or with QUILLON_SKIP_I386=1.
+if [ "${CI:-}" = true ]; then
+    "$top/tools/i386.sh"
+elif [ "${QUILLON_SKIP_I386:-0}" = 1 ]; then
+    echo "i386 build and tests skipped (QUILLON_SKIP_I386=1)"
+elif [ "$(id -u)" -ne 0 ]; then
+    echo "i386 build and tests skipped: tools/i386.sh needs root"
+else
+    "$top/tools/i386.sh"
 fi
