@@ -320,7 +320,7 @@ namespace {
 // also loads every image format plugin, was a noticeable part of such a run.
 class DeferredIconEngine : public QIconEngine {
 public:
-    explicit DeferredIconEngine(const QString &file_name) : file_name(file_name) {}
+    explicit DeferredIconEngine(const QString &path) : file_name(path) {}
     void paint(QPainter *painter, const QRect &rect, QIcon::Mode mode,
                QIcon::State state) override {
         icon().paint(painter, rect, Qt::AlignCenter, mode, state);
