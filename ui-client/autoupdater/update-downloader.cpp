@@ -67,7 +67,6 @@ const QString UpdateDownloader::TEMP_EXT = QStringLiteral(".download");
 UpdateDownloader::UpdateDownloader(QObject *parent)
     : QObject(parent), manager(new QNetworkAccessManager(this)), reply(nullptr),
       timer(new QTimer(this)), download_file(nullptr), expect_size(-1), file_size(0),
-      written_size(0), digest(QCryptographicHash::Md5), sha256_digest(QCryptographicHash::Sha256),
       timeout(DEFAULT_TIMEOUT), max_redirect(0), body_action(BodyAction::Undecided),
       pending_error(NoError) {
     // Registered by name so the code can travel through queued and
@@ -157,9 +156,8 @@ void UpdateDownloader::download() {
                 Qt::QueuedConnection);
             return;
         }
-        file_size = written_size = 0;
-        digest.reset();
-        sha256_digest.reset();
+        file_size = 0;
+        hashes.reset(!expect_sha256.isEmpty());
     }
 
     prepareTrustFor(url);
@@ -312,9 +310,8 @@ void UpdateDownloader::examineAnswer() {
             failTransfer(SysError, QStringLiteral("fail to write temp file"));
             return;
         }
-        file_size = written_size = 0;
-        digest.reset();
-        sha256_digest.reset();
+        file_size = 0;
+        hashes.reset(!expect_sha256.isEmpty());
     } else if (status == 206) {
         // Partial content that does not continue exactly where the file ends
         // would leave a gap or an overlap in it.
@@ -367,9 +364,9 @@ void UpdateDownloader::readyRead() {
     qint64 left = data.size();
     // Never past the expected size: what the server sends beyond it is not
     // written, and the transfer ends with the file removed.
-    const bool too_long = expect_size >= 0 && left > expect_size - written_size;
+    const bool too_long = expect_size >= 0 && left > expect_size - hashes.size();
     if (too_long)
-        left = expect_size - written_size;
+        left = expect_size - hashes.size();
     while (left > 0) {
         // A short write is retried; the disk reports its reason on the retry.
         const qint64 written = download_file->write(next, left);
@@ -384,7 +381,7 @@ void UpdateDownloader::readyRead() {
         }
         // Only what the disk took is hashed, so the digest always describes
         // the file as it lies there.
-        hashWritten(next, static_cast<int>(written));
+        hashWritten(written == data.size() ? data : QByteArray(next, static_cast<int>(written)));
         next += written;
         left -= written;
     }
@@ -618,15 +615,13 @@ bool UpdateDownloader::hashExistingPrefix(int fd, qint64 size) {
     // Once per attempt, at the start: what an earlier attempt left is hashed
     // before new bytes are appended to it. Read through the descriptor that
     // was checked, so the bytes hashed are those of that very file.
-    digest.reset();
-    sha256_digest.reset();
-    written_size = 0;
-    QByteArray chunk(static_cast<int>(HASH_CHUNK_SIZE), Qt::Uninitialized);
+    hashes.reset(!expect_sha256.isEmpty());
     qint64 offset = 0;
     while (offset < size) {
-        const ssize_t read =
-            ::pread(fd, chunk.data(), static_cast<size_t>(qMin(HASH_CHUNK_SIZE, size - offset)),
-                    static_cast<off_t>(offset));
+        // A buffer of its own each time: the digest's thread still reads the last one.
+        QByteArray chunk(static_cast<int>(qMin(HASH_CHUNK_SIZE, size - offset)), Qt::Uninitialized);
+        const ssize_t read = ::pread(fd, chunk.data(), static_cast<size_t>(chunk.size()),
+                                     static_cast<off_t>(offset));
         if (read < 0 && errno == EINTR)
             continue;
         if (read <= 0) {
@@ -634,31 +629,30 @@ bool UpdateDownloader::hashExistingPrefix(int fd, qint64 size) {
                 errno = EIO; // the file shrank under us
             return false;
         }
-        hashWritten(chunk.constData(), static_cast<int>(read));
+        chunk.truncate(static_cast<int>(read));
+        hashWritten(chunk);
         offset += read;
     }
     return true;
 }
 
-void UpdateDownloader::hashWritten(const char *data, int size) {
-    digest.addData(data, size);
-    // SHA-256 costs more than MD5 and is only worked out when it is checked.
-    if (!expect_sha256.isEmpty())
-        sha256_digest.addData(data, size);
-    written_size += size;
+void UpdateDownloader::hashWritten(const QByteArray &chunk) {
+    // SHA-256 costs more than MD5 and is only worked out when it is checked
+    // (see the resets).
+    hashes.add(chunk);
 }
 
 bool UpdateDownloader::hasExpectedDigest() const {
     return !expect_checksum.isEmpty() || !expect_sha256.isEmpty();
 }
 
-QString UpdateDownloader::findMismatch() const {
-    if (expect_size >= 0 && written_size != expect_size)
+QString UpdateDownloader::findMismatch() {
+    if (expect_size >= 0 && hashes.size() != expect_size)
         return QStringLiteral("size");
-    if (!expect_checksum.isEmpty() && QString::fromLatin1(digest.result().toHex())
-                                              .compare(expect_checksum, Qt::CaseInsensitive) != 0)
+    if (!expect_checksum.isEmpty() &&
+        QString::fromLatin1(hashes.md5Hex()).compare(expect_checksum, Qt::CaseInsensitive) != 0)
         return QStringLiteral("checksum");
-    if (!expect_sha256.isEmpty() && sha256_digest.result().toHex() != expect_sha256.toLower())
+    if (!expect_sha256.isEmpty() && hashes.sha256Hex() != expect_sha256.toLower())
         return QStringLiteral("sha256");
     return QString();
 }

@@ -1,11 +1,12 @@
 #ifndef QUILLON_AUTOUPDATER_UPDATE_DOWNLOADER_H
 #define QUILLON_AUTOUPDATER_UPDATE_DOWNLOADER_H
 
-#include <QCryptographicHash>
 #include <QNetworkAccessManager>
 #include <QNetworkProxy>
 #include <QObject>
 #include <QString>
+
+#include "stream-digest.h"
 
 class QFile;
 class QNetworkReply;
@@ -120,9 +121,9 @@ private:
     qint64 announcedSize() const;
     qint64 announcedTotal() const;
     bool hashExistingPrefix(int fd, qint64 size);
-    void hashWritten(const char *data, int size);
+    void hashWritten(const QByteArray &chunk);
     bool hasExpectedDigest() const;
-    QString findMismatch() const;
+    QString findMismatch();
 
     // What happens to the body of the reply in flight; decided once, from its
     // status and headers, before the first byte of it is written.
@@ -143,13 +144,10 @@ private:
     QByteArray expect_sha256;
     // Bytes the temporary file held when it was opened: the resume offset.
     qint64 file_size;
-    // Bytes in the temporary file now.
-    qint64 written_size;
     // MD5 (and, when one is expected, SHA-256) of everything in the temporary
-    // file, kept up to date as bytes are written, so a finished file is never
-    // read back for its digest.
-    QCryptographicHash digest;
-    QCryptographicHash sha256_digest;
+    // file, and its size, kept up to date as bytes are written, so a finished
+    // file is never read back for its digest.
+    StreamDigest hashes;
     int timeout;
     // Redirects followed so far by this object; never reset.
     int max_redirect;
