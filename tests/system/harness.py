@@ -227,13 +227,14 @@ class Desktop:
 
 
 class Nginx(Server):
-    """nginx serving a folder; `directives` go into its server block."""
+    """nginx serving a folder; `directives` go into its server block, `http_directives` in http."""
 
-    def __init__(self, workdir, docroot, directives="", listen_options=""):
+    def __init__(self, workdir, docroot, directives="", listen_options="", http_directives=""):
         super().__init__(workdir)
         self.docroot = Path(docroot).resolve()
         self.docroot.mkdir(parents=True, exist_ok=True)
         self.directives, self.listen_options = directives, listen_options
+        self.http_directives = http_directives
         self.scheme = "https" if "ssl" in listen_options.split() else "http"
         self.log, self.ready_file, self._syncs = self.workdir / "access.log", None, 0
 
@@ -251,7 +252,7 @@ events {{ }}
 http {{
     types {{ application/json json; }}
     log_format t "$request_uri\\t$http_range\\t$status\\t$bytes_sent\\t$http_via\\t$connection";
-    access_log {_quote(self.log)} t;
+    access_log {_quote(self.log)} t; {self.http_directives}
     {"".join(f"{k}_temp_path {_quote(self.workdir / k)}; " for k in
              ("client_body", "proxy", "fastcgi", "uwsgi", "scgi"))}
     server {{
