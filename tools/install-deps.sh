@@ -12,6 +12,7 @@ packages=(
     fonts-dejavu-core fonts-droid-fallback  # Latin and CJK glyphs for the tray texts
     nginx-light tinyproxy curl procps psmisc python3
     libfaketime  # runs the updater's clock fast in the stall time-out tests
+    libssl-dev python3-cryptography  # signed answers: the updater's check, the publisher's keys
 )
 # The 32-bit build and test run (tools/i386.sh) needs these on a 64-bit
 # machine only; inside its i386 root they would be of no use.

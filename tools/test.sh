@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Installs what is needed, builds with warnings as errors and runs every test
-# through CTest, then repeats the tests in a build with AddressSanitizer and
-# UndefinedBehaviorSanitizer, and finally builds and tests for 32-bit x86.
+# through CTest, runs the publisher's end-to-end tests against a build that
+# requires signed answers, then repeats the tests in a build with
+# AddressSanitizer and UndefinedBehaviorSanitizer, and finally builds and tests
+# for 32-bit x86.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 "$top/tools/install-deps.sh"
@@ -19,6 +21,18 @@ build=${BUILD_DIR:-$top/build}
 cmake -S "$top" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUILLON_WERROR=ON
 cmake --build "$build" -j "$jobs"
 ctest --test-dir "$build" --output-on-failure -j "$jobs"
+
+# A build that acts only on answers signed with a throw-away key, run against
+# trees that quillon-publish signs with it (tests/system/test_publish.py).
+signed=${SIGNED_BUILD_DIR:-$top/build-signed}
+mkdir -p "$signed/keys"
+[ -f "$signed/keys/update.key" ] ||
+    "$top/publisher/quillon-publish" keygen "$signed/keys/update.key" >/dev/null
+cmake -S "$top" -B "$signed" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUILLON_WERROR=ON \
+    -DQUILLON_UPDATE_PUBLIC_KEY="$(cat "$signed/keys/update.key.pub")" \
+    -DQUILLON_SIGNED_KEY_DIR="$signed/keys"
+cmake --build "$signed" -j "$jobs" --target autoupdater tray-probe
+ctest --test-dir "$signed" --output-on-failure -j "$jobs" -R 'system_install|system_test_publish'
 
 if [ "${QUILLON_SKIP_SANITIZERS:-0}" != 1 ]; then
     san=${SANITIZE_BUILD_DIR:-$top/build-sanitize}
