@@ -86,7 +86,7 @@ still_mounted() {
 
 cleanup() {
     local status=$? i
-    trap - EXIT INT TERM
+    trap - EXIT HUP INT TERM
     if [ -n "$root" ]; then
         stop_root_processes
         for ((i = ${#mounted[@]} - 1; i >= 0; i--)); do
@@ -113,6 +113,7 @@ cleanup() {
     exit "$status"
 }
 trap cleanup EXIT
+trap 'exit 129' HUP
 trap 'exit 130' INT
 trap 'exit 143' TERM
 
@@ -180,8 +181,13 @@ bind /dev/pts /dev/pts
 bind /dev/shm /dev/shm
 bind "$top" /src
 
+# Each command runs in a PID namespace of its own: nothing in the root can
+# signal the machine's other processes (a QProcess that never started kills
+# pid -1, which is every process as root), and what it leaves running ends
+# with it.
 in_root() {
-    linux32 chroot "$root" /usr/bin/env -i \
+    unshare --pid --fork --kill-child --mount --mount-proc="$root/proc" \
+        linux32 chroot "$root" /usr/bin/env -i \
         PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin \
         HOME=/root LANG=C.UTF-8 TERM="${TERM:-dumb}" "$@"
 }
@@ -192,8 +198,8 @@ cp -L /etc/resolv.conf "$root/etc/resolv.conf"
 printf '#!/bin/sh\nexit 101\n' >"$root/usr/sbin/policy-rc.d"
 chmod 755 "$root/usr/sbin/policy-rc.d"
 in_root /src/tools/install-deps.sh
-# Under the emulator, threaded programs that handle signals need the thread
-# entry fix (tools/qemu-i386-tls.c) preloaded; natively they must not get it.
+# Under the emulator, programs need the fixes of tools/qemu-i386-tls.c
+# preloaded (thread identity after a signal, QProcess); natively, nothing.
 if [ -n "$binfmt_entry" ] ||
     grep -qs '^magic 7f454c4601010100000000000000000002000300' /proc/sys/fs/binfmt_misc/*; then
     in_root gcc -O2 -Wall -Werror -shared -fPIC -o /usr/local/lib/qemu-i386-tls.so \

@@ -11,11 +11,18 @@
  *
  * Every handler installed is therefore wrapped: after it returns, the entry
  * is set back to the base of the thread that ran it, which %gs still holds
- * until the emulated sigreturn reloads it. */
+ * until the emulated sigreturn reloads it.
+ *
+ * qemu 7.2 also refuses clone(CLONE_PIDFD) although the host kernel answers
+ * the waitid(P_PIDFD) probe: Qt's QProcess then fails to start anything and
+ * its pid stays -1, so a later kill() signals every process there is. The
+ * probe is answered "not supported", and Qt forks the classic way. */
 #define _GNU_SOURCE
 #include <asm/ldt.h>
 #include <dlfcn.h>
+#include <errno.h>
 #include <signal.h>
+#include <stdarg.h>
 #include <stdint.h>
 #include <string.h>
 #include <sys/syscall.h>
@@ -85,4 +92,21 @@ sighandler_t signal(int sig, sighandler_t handler) {
     if (sigaction(sig, &act, &old) < 0)
         return SIG_ERR;
     return old.sa_handler;
+}
+
+long syscall(long number, ...) {
+    static long (*real)(long, ...);
+    if (!real)
+        real = (long (*)(long, ...))dlsym(RTLD_NEXT, "syscall");
+    va_list list;
+    va_start(list, number);
+    long args[6];
+    for (int i = 0; i < 6; ++i)
+        args[i] = va_arg(list, long);
+    va_end(list);
+    if (number == SYS_waitid && args[0] == 3 /* P_PIDFD */) {
+        errno = EINVAL;
+        return -1;
+    }
+    return real(number, args[0], args[1], args[2], args[3], args[4], args[5]);
 }
