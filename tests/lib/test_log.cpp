@@ -1,3 +1,4 @@
+#include "log/config.h"
 #include "log/log.h"
 
 #include <QtTest>
@@ -39,6 +40,18 @@ private slots:
             QCOMPARE(start("lv.log", 5, "tpl"), 0);
             QCOMPARE(QPair(level("a"), level("b")), levels);
         }
+    }
+
+    // Config: write() quotes what needs quotes; read back keeping them, it writes the same file.
+    void configRoundTrip() {
+        Config out, kept;
+        for (const char *pair : {"e=", "f=Yes", "n=-7x", "q='x y'", "s=a b#c"})
+            out[std::string(pair, 1)] = pair + 2;
+        kept.set_preserve(true);
+        QVERIFY(out.write("c.conf") == 0 && kept.read("c.conf") == 0 && kept.write("c.conf") == 0);
+        QCOMPARE(slurp("c.conf"), "e=\"\"\nf=Yes\nn=-7x\nq='x y'\ns=\"a b#c\"\n");
+        QVERIFY(out.get_int("n") == -7 && out.get_int("s", 5) == 5 && out.get_bool("f") &&
+                !out.get_bool("e", true) && out.get_bool("x", true) && out.write("no/") == -1);
     }
 
     void unusablePathDropsMessages() {

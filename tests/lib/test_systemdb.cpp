@@ -92,20 +92,58 @@ private slots:
         QCOMPARE(SystemDB::getGeneralOptions(o), -1);
     }
 
-    // Flags read true only from a stored 1, and keys match exactly. Rows add up;
-    // each shows enable_startup and use_bw_icon, the one flag the updater uses.
-    void generalOptions() {
-        const std::pair<const char *, const char *> rows[] = {
-            {"('enable_startup', 2), ('USE_BLACK_WHITE_ICON', 1), ('use_bw_icon', 1)", "00"},
-            {"('use_black_white_icon', 1)", "01"},
+    // Flags read true only from a stored 1 and keys match exactly; a write
+    // replaces every stored value; proxies are equal only when every field is.
+    void settingsRoundTrip() {
+        const auto show = [](const GeneralOptions &o, const ProxyInfo &p) {
+            return QString::asprintf("%d%d%d%d%d%d%d %d %s %s", o.enable_desktop_notification,
+                                     o.enable_iconoverlay, o.enable_filtered_iconoverlay,
+                                     o.enable_context_menu, o.enable_startup, o.use_bw_icon,
+                                     o.show_tutorial, o.sync_mode, o.open_folder.c_str(),
+                                     p.toString().c_str());
         };
-        QCOMPARE(SystemDB::initialize("options"), 0);
-        for (const auto &[values, flags] : rows) {
-            GeneralOptions o;
-            Client("options")(QByteArray("INSERT INTO system_table VALUES ") + values);
-            QCOMPARE(SystemDB::getGeneralOptions(o), 0);
-            QCOMPARE(QString::asprintf("%d%d", o.enable_startup, o.use_bw_icon), flags);
+        QCOMPARE(SystemDB::initialize("trip"), 0);
+        Client("trip")(
+            "INSERT INTO system_table VALUES ('enable_desktop_notification', 0), "
+            "('enable_iconoverlay', 0), ('enable_filtered_iconoverlay', 0), "
+            "('enable_context_menu', 0), ('enable_startup', 2), ('show_tutorial', 0), "
+            "('SHOW_TUTORIAL', 1), ('use_black_white_icon', 1), ('use_bw_icon', 0), "
+            "('sync_mode', -7), ('open_folder', 'a b'), ('user_use_proxy', 1), "
+            "('user_use_sys_proxy', 1), ('user_proxy_ip', 'ip'), ('user_proxy_port', 8), "
+            "('user_proxy_user', 'u'), ('user_proxy_pass', 'pw'), "
+            "('user_proxy_domain', 'd'), ('user_proxy_host', 'h')");
+        GeneralOptions options, read;
+        ProxyInfo proxy, back;
+        QVERIFY(SystemDB::getGeneralOptions(options) == 0 &&
+                SystemDB::getUserProxyInfo(proxy) == 0);
+        QCOMPARE(show(options, proxy),
+                 "0000010 -7 a b use_proxy: true, use_sys_proxy: true, proxy: 'ip':8, host: 'h', "
+                 "user: 'u', password: (set), domain: 'd', auth_type: 0");
+        for (const bool defaults : {true, false}) {
+            QVERIFY(SystemDB::setGeneralOptions(defaults ? GeneralOptions() : options) == 0 &&
+                    SystemDB::setUserProxyInfo(defaults ? ProxyInfo() : proxy) == 0);
+            QVERIFY(SystemDB::getGeneralOptions(read) == 0 &&
+                    SystemDB::getUserProxyInfo(back) == 0);
+            QCOMPARE(show(read, back), defaults ? show({}, {}) : show(options, proxy));
         }
+        using P = ProxyInfo;
+        const auto differs = [&proxy](auto field, auto value) {
+            P other = proxy;
+            other.*field = value;
+            return other != proxy && !(other == proxy);
+        };
+        QVERIFY(back == proxy && differs(&P::use_proxy, false) &&
+                differs(&P::use_sys_proxy, false) && differs(&P::proxy_ip, "") &&
+                differs(&P::proxy_port, 0) && differs(&P::user_name, "") &&
+                differs(&P::password, "") && differs(&P::domain, "") && differs(&P::host, "") &&
+                differs(&P::auth_type, P::AUTH_NONE));
+        back.clear();
+
+        SystemDB::destroy();
+        QVERIFY(SystemDB::setGeneralOptions(options) == -1 &&
+                SystemDB::setUserProxyInfo(proxy) == -1);
+        QVERIFY(SystemDB::getGeneralOptions(read) == -1 && SystemDB::getUserProxyInfo(back) == -1 &&
+                back == ProxyInfo());
     }
 
     // While the client holds the database, opening it waits for the lock.
