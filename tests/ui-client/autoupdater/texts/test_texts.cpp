@@ -44,11 +44,12 @@ private slots:
         const QString exit = translator.translate("global", "Exit");
         QCOMPARE(QString::fromUtf8(child.readAllStandardOutput()), file + '\n' + exit + '\n');
     }
-    // Qt completes a bare "pt" in the environment to pt_BR; only the name
-    // itself can show that it means European Portuguese.
-    void barePortuguese() {
+    // Qt completes a bare "pt" in the environment to pt_BR; only the name itself
+    // can show that it means European Portuguese. A negative id names nothing.
+    void languageNames() {
         QCOMPARE(TessLocale::getLanguageAbbrByLocaleName(QStringLiteral("pt")),
                  QStringLiteral("ptg"));
+        QCOMPARE(TessLocale::getLanguageAbbrByID(-1) + TessLocale::getLanguageAbbrByID(19), "csy");
     }
 
     // The texts the updater shows keep their ids and English texts.
