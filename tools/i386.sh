@@ -197,6 +197,8 @@ cp -L /etc/resolv.conf "$root/etc/resolv.conf"
 # start their own on free ports.
 printf '#!/bin/sh\nexit 101\n' >"$root/usr/sbin/policy-rc.d"
 chmod 755 "$root/usr/sbin/policy-rc.d"
+# A kept root may hold packages an interrupted run left half set up.
+in_root dpkg --configure -a
 in_root /src/tools/install-deps.sh
 # Under the emulator, programs need the fixes of tools/qemu-i386-tls.c
 # preloaded (thread identity after a signal, QProcess); natively, nothing.
