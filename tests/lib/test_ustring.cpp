@@ -45,7 +45,8 @@ private slots:
         numbers << p.find('/', 1) << 2 << p.find("//") << 4 << p.find(ustring("\xa9")) << 8
                 << p.rfind('/') << 5 << p.rfind("/", 4) << 4 << p.find_first_of("bc") << 3
                 << p.find_last_of(".") << 9 << p.find_last_not_of("tx") << 9
-                << p.find_first_not_of('/') << 1 << p.find(std::string("z")) << -1
+                << p.find_first_not_of('/') << 1 << p.find(std::string("z"))
+                << qint64(ustring::npos) // as the list holds it, 32 or 64 bits wide
                 << ustring::compare("abc", "ABD", true) << -1 << ustring::compare("a", "B", false)
                 << 31 << ustring("\xc3\xa9").compare("z") << 73
                 << ustring("abcX").compare("abcY", 3) << 0 << ustring("ab").compare("ab", 5) << 0
