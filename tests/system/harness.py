@@ -34,8 +34,9 @@ def wait_for(condition, timeout, what, interval=0.05):
     return value
 
 
-def file_md5(path):
-    return hashlib.md5(Path(path).read_bytes()).hexdigest()
+def file_md5(path):  # read in steps: a pack may be larger than memory
+    with open(path, "rb") as data:
+        return hashlib.file_digest(data, "md5").hexdigest()
 
 
 def pack_bytes(size, seed=1):  # bytes that do not compress

@@ -22,6 +22,11 @@ def partial_path(saved):
     return saved.with_name(saved.name + ".download")
 
 
+def started(cleanup, server):  # a Server or Desktop, stopped by the cleanup whatever happens
+    cleanup(server.stop)
+    return server.start()
+
+
 class SystemTestCase(unittest.TestCase):
     nginx_directives = nginx_listen_options = ""
 
@@ -31,13 +36,17 @@ class SystemTestCase(unittest.TestCase):
         cls.prefix = Path(setting("QUILLON_SYSTEM_PREFIX"))
         cls.class_dir = Path(tempfile.mkdtemp(prefix=f"quillon-{cls.__name__}-"))
         cls.addClassCleanup(shutil.rmtree, cls.class_dir, ignore_errors=True)
-        cls.desktop = harness.Desktop(cls.class_dir / "desktop", setting("QUILLON_TRAY_PROBE"))
-        cls.addClassCleanup(cls.desktop.stop)
-        cls.desktop.start()
-        cls.nginx = harness.Nginx(cls.class_dir / "nginx", cls.class_dir / "www",
-                                  cls.nginx_directives, cls.nginx_listen_options)
-        cls.addClassCleanup(cls.nginx.stop)
-        cls.nginx.start()
+        cls.desktop = cls.new_desktop(cls.addClassCleanup, cls.class_dir / "desktop")
+        cls.nginx = started(cls.addClassCleanup, harness.Nginx(
+            cls.class_dir / "nginx", cls.class_dir / "www", cls.nginx_directives,
+            cls.nginx_listen_options))
+
+    @staticmethod
+    def new_desktop(cleanup, folder, tray=True):
+        return started(cleanup, harness.Desktop(folder, setting("QUILLON_TRAY_PROBE"), tray))
+
+    def new_proxy(self):
+        return started(self.addCleanup, harness.TinyProxy(self.test_dir / "tinyproxy"))
 
     def setUp(self):
         self.test_dir = Path(tempfile.mkdtemp(prefix="t-", dir=self.class_dir))
@@ -67,21 +76,25 @@ class SystemTestCase(unittest.TestCase):
         self.addCleanup(process.stop)
         return process
 
-    def run_program(self, installation, argv=None, timeout=60, **kwargs):
+    def run_program(self, installation, argv=None, status=0, timeout=60, **kwargs):
+        """Runs to the end, which must come with this exit status."""
         process = self.start(installation, argv, **kwargs)
         try:
-            return process.wait(timeout)
+            self.assertEqual(process.wait(timeout), status, "log:\n" + installation.log_text())
         except TimeoutError:
             self.fail(f"still running after {timeout} s; log:\n" + installation.log_text())
-
-    def assertStatus(self, installation, status, expected):
-        self.assertEqual(status, expected, "log:\n" + installation.log_text())
 
     def assertLogged(self, installation, *messages, level=None):
         """Each message is in the log (at the level, when given), in this order."""
         entries = iter(installation.log_messages(level))
         for message in messages:
             self.assertIn(message, entries, "log, in order:\n" + installation.log_text())
+
+    def assertFailed(self, installation, record, status, reason):  # at once, nothing started
+        self.assertLogged(installation, f"Fail to run auto update. (error code: {status}, "
+                          f"reason: {reason})", level="ERROR")
+        self.assertNotIn("Download failed, try again.", installation.log_text())
+        self.assertFalse(record.started())
 
     def assertHandedOff(self, installation, record, *tail, starts=1):  # from "/", with the paths
         self.assertEqual(record.wait(), (b"/", [b"--root-path", bytes(installation.app),

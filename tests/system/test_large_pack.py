@@ -2,8 +2,9 @@
 lengths and progress throughout. nginx serves it from a sparse file whose only
 non-zero bytes lie past 4 GiB, so it costs no disk; the download does."""
 
-import hashlib, unittest
+import unittest
 
+from harness import file_md5
 from systemcase import MIB, PACK, SystemTestCase, partial_path
 
 GIB = 1024 * MIB
@@ -20,14 +21,6 @@ def sparse(path, size):  # the pack's first size bytes: zeros and the marks
                 out.write(data)
 
 
-def md5(path):
-    digest = hashlib.md5()
-    with open(path, "rb") as data:
-        while chunk := data.read(8 * MIB):
-            digest.update(chunk)
-    return digest.hexdigest()
-
-
 class LargePackTest(SystemTestCase):
 
     def test_fresh_reused_and_resumed_past_4_gib(self):
@@ -37,7 +30,7 @@ class LargePackTest(SystemTestCase):
         for resume_from in (None, 4 * GIB + 40 * MIB):
             site, installation, record = self.new_case()
             sparse(site.folder / PACK, SIZE)
-            checksum = checksum or md5(site.folder / PACK)
+            checksum = checksum or file_md5(site.folder / PACK)
             site.answer({"updater": dict(site.put_updater(record), need_user_permit=False),
                          "update_pack": {"name": PACK, "checksum": checksum,
                                          "url": self.nginx.url(site.prefix + PACK)}})
@@ -46,7 +39,7 @@ class LargePackTest(SystemTestCase):
                 sparse(partial_path(saved), resume_from)
             argv = installation.client_arguments(show_dialog=True)
 
-            self.assertStatus(installation, self.run_program(installation, argv, 600), 0)
+            self.run_program(installation, argv, timeout=600)
             self.assertHandedOff(installation, record, b"--update-pack-path", bytes(saved))
             packs = [(r["range"], r["status"]) for r in site.requests(PACK)]
             self.assertEqual(packs, [(f"bytes={resume_from}-", 206)] if resume_from
@@ -57,7 +50,7 @@ class LargePackTest(SystemTestCase):
                     pack.seek(offset)
                     self.assertEqual(pack.read(len(data)), data)
             if not resume_from:  # a complete earlier download is reused, read past 4 GiB
-                self.assertStatus(installation, self.run_program(installation, argv, 600), 0)
+                self.run_program(installation, argv, timeout=600)
                 self.assertEqual(len(site.requests(PACK)), 1)
             saved.unlink()  # the disk holds one such pack at a time
             (site.folder / PACK).unlink()

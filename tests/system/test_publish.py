@@ -5,7 +5,7 @@ import contextlib, os, shutil, socketserver, subprocess, sys, tempfile, threadin
 from pathlib import Path
 
 import harness
-from systemcase import KIB, PACK, UPDATER, SystemTestCase
+from systemcase import KIB, PACK, UPDATER, SystemTestCase, started
 
 PUBLISH = Path(__file__).resolve().parents[2] / "publisher" / "quillon-publish"
 KEYS = os.environ.get("QUILLON_SIGNED_KEY_DIR")
@@ -48,10 +48,10 @@ class PublishTest(SystemTestCase):
 
     def serve(self, args, files_url=None):  # (tree's nginx, installation, record)
         work = Path(tempfile.mkdtemp(dir=self.test_dir))
-        tree = Tree(work, record := harness.UpdaterRecord(work / "record"), args, files_url)
-        self.addCleanup(tree.stop)
+        tree = started(self.addCleanup, Tree(work, record := harness.UpdaterRecord(work / "record"),
+                                             args, files_url))
         installation = harness.Installation(self.prefix, tree.workdir / "installation")
-        installation.configure_server(tree.start().url(), "/quillon/update")
+        installation.configure_server(tree.url(), "/quillon/update")
         return tree, installation, record
 
     def test_only_older_clients_of_the_product_update(self):
@@ -60,7 +60,7 @@ class PublishTest(SystemTestCase):
                                          ("1450", "quillon-desktop", 1)]:  # newest, other, older
             with self.subTest(client=client, product=product):
                 argv = installation.client_arguments(client_version=client, identify=product)
-                self.assertStatus(installation, self.run_program(installation, argv), 0)
+                self.run_program(installation, argv)
                 self.assertEqual([r["name"] for r in tree.requests("/files/1500/")],
                                  [UPDATER, PACK] if updates else [])
         self.assertHandedOff(installation, record, b"--update-pack-path",
@@ -91,8 +91,7 @@ class PublishTest(SystemTestCase):
                     path.write_bytes(path.read_bytes()[edit[1]:] + edit[2])
                 on_server = edit and edit[0] == pack  # the answer passes, a file does not
 
-                self.assertStatus(installation, self.run_program(installation),
-                                  6 if on_server or files_url else 4)
+                self.run_program(installation, status=6 if on_server or files_url else 4)
                 self.assertIn("(reason: " + reason, str(installation.log_messages("ERROR")))
                 self.assertEqual([r["name"] for r in tree.requests("/files/1500/")],
                                  [UPDATER, PACK] if on_server else [])
