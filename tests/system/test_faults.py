@@ -116,38 +116,33 @@ class PlantedFileTest(SystemTestCase):
         super().setUpClass()
 
     @staticmethod
-    def snapshot(path):  # the object, its folder, a link's target and content
+    def snapshot(path):  # the file, its folder and its content
         return (tuple(os.lstat(path))[:7], os.lstat(path).st_mtime_ns,
-                sorted(os.listdir(path.parent)), os.path.islink(path) and os.readlink(path),
-                os.path.isfile(path) and path.read_bytes())
+                sorted(os.listdir(path.parent)), path.read_bytes())
 
     def test_planted_files(self):
-        for name, script in [("symbolic link", 'echo notes > "$2"; ln -s "$2" "$1"'),
-                             ("FIFO with a reader", 'mkfifo "$1"'),
-                             ("another user's file", 'head -c 40 > "$1"'),
-                             ("another user's file at the save name", 'cat > "$1"')]:
-            with self.subTest(name):
+        """A partial file is refused and left as it is; a complete one at the
+        save name is not run but fetched again. Links and FIFOs are refused by
+        the same checks as in the downloader's own tests."""
+        for at_save_name in (False, True):
+            with self.subTest(at_save_name=at_save_name):
                 shared = Path(tempfile.mkdtemp(prefix="quillon-shared-", dir="/tmp"))
                 self.addCleanup(shutil.rmtree, shared)
                 shared.chmod(0o1777)
                 site, installation, record = self.offer()
                 saved = installation.save_path(UPDATER, shared)
-                planted = saved if "save name" in name else partial_path(saved)
+                planted = saved if at_save_name else partial_path(saved)
+                updater = (site.folder / UPDATER).read_bytes()
                 subprocess.run(["runuser", "-u", "quillon-planter", "--", "sh", "-c",
-                                "umask 022;" + script, "plant", planted, shared / "notes"],
-                               check=True, cwd="/", input=(site.folder / UPDATER).read_bytes())
+                                'umask 022; cat > "$1"', "plant", planted], check=True, cwd="/",
+                               input=updater if at_save_name else updater[:40])
                 before = self.snapshot(planted)
                 self.assertEqual(before[0][4], self.planter)
-                if name.startswith("FIFO"):
-                    # With a reader there a writer's open succeeds at once: only
-                    # the type check stands between it and our bytes.
-                    reader = os.open(planted, os.O_RDONLY | os.O_NONBLOCK)
-                    self.addCleanup(os.close, reader)
 
                 self.run_program(installation, installation.client_arguments(temp_path=shared),
-                                 0 if planted == saved else 6)
+                                 0 if at_save_name else 6)
 
-                if planted == saved:
+                if at_save_name:
                     self.assertLogged(installation, f"File '{saved}' is not a private file of "
                                       "this user, do not use it.", level="WARNING")
                     self.assertEqual(os.lstat(saved).st_uid, os.geteuid())
@@ -156,8 +151,6 @@ class PlantedFileTest(SystemTestCase):
                     continue
                 self.assertFailed(installation, record, 6, "fail to open temp file in append mode")
                 self.assertEqual(self.snapshot(planted), before)
-                if name.startswith("FIFO"):
-                    self.assertEqual(os.read(reader, 100), b"")
 
 
 if __name__ == "__main__":

@@ -48,23 +48,11 @@ class UpdateRunTest(SystemTestCase):
                                   "Updater return empty response. No need to update.",
                                   "Auto updater finished.", level="INFO")
 
-    def test_updater_alone_replacing_a_file_others_could_change(self):
-        """A group-writable copy is fetched again; the updater is started from
-        "/" though the client ran the program in its own folder."""
-        site, installation, record = self.offer()
-        saved = installation.save_path(UPDATER)
-        shutil.copy(site.folder / UPDATER, saved)
-        saved.chmod(0o664)
-
-        self.run_program(installation, cwd=installation.app)
-        self.assertHandedOff(installation, record)
-        self.assertEqual(os.listdir(installation.temp_dir), [saved.name])
-        self.assertEqual(stat.S_IMODE(saved.stat().st_mode), 0o700)
-        self.assertEqual(fetched(site), [(UPDATER, "", 200)])
-
     def test_updater_pack_and_arguments_then_reuse(self):
-        """A partial pack is resumed; updater_args arrive byte for byte, a
-        non-text one as an empty argument; the next run fetches nothing."""
+        """A partial pack is resumed and a group-writable updater fetched
+        again; updater_args arrive byte for byte, a non-text one as an empty
+        argument, to an updater started from "/" though the client ran the
+        program in its own folder; the next run fetches nothing."""
         data = harness.pack_bytes(1024 * KIB, seed=7)
         args = ["it's \"quoted\"", "$HOME; rm -rf ~", "two\nlines"]
         site, installation, record = self.offer(data, updater_args=args + [42])
@@ -74,13 +62,16 @@ class UpdateRunTest(SystemTestCase):
         argv = installation.client_arguments(temp_path=temp)
         saved = installation.save_path(PACK, temp)
         partial_path(saved).write_bytes(data[:400000])
+        updater = installation.save_path(UPDATER, temp)
+        shutil.copy(site.folder / UPDATER, updater)
+        updater.chmod(0o664)  # others could change it
         tail = [b"--update-pack-path", bytes(saved)] + [a.encode() for a in args] + [b""]
 
-        self.run_program(installation, argv)
+        self.run_program(installation, argv, cwd=installation.app)
         self.assertHandedOff(installation, record, *tail)
         self.assertEqual(saved.read_bytes(), data)
-        self.assertEqual(sorted(os.listdir(temp)),
-                         sorted([saved.name, installation.save_path(UPDATER).name]))
+        self.assertEqual(sorted(os.listdir(temp)), sorted([saved.name, updater.name]))
+        self.assertEqual(stat.S_IMODE(updater.stat().st_mode), 0o700)
         self.assertEqual(fetched(site), [(UPDATER, "", 200), (PACK, "bytes=400000-", 206)])
         self.assertLess(site.requests()[-1]["bytes"], len(data) - 400000 + KIB)
 
