@@ -56,6 +56,7 @@ apt_mirror() {
 mirror=${QUILLON_I386_MIRROR:-$(apt_mirror)}
 [ -n "$mirror" ] || die "no bookworm mirror in /etc/apt/sources.list*; set QUILLON_I386_MIRROR"
 
+base=
 root=
 mounted=()
 binfmt_entry=
@@ -80,8 +81,10 @@ stop_root_processes() {
     done
 }
 
+# Whatever is mounted under the folder that holds the root, deepest first:
+# a failed debootstrap leaves its own /proc and /sys mounts behind.
 still_mounted() {
-    [ -n "$root" ] && awk -v r="$root" '$2 == r || index($2, r "/") == 1 { print $2 }' /proc/mounts
+    [ -n "$base" ] && awk -v b="$base" 'index($2, b "/") == 1 { print $2 }' /proc/mounts | sort -r
 }
 
 cleanup() {
@@ -94,10 +97,15 @@ cleanup() {
                 echo "tools/i386.sh: cannot unmount ${mounted[i]}" >&2
         done
     fi
+    local m
+    for m in $(still_mounted); do
+        umount "$m" 2>/dev/null || umount -l "$m" || true
+    done
     if [ -n "$binfmt_entry" ]; then
         echo -1 >"/proc/sys/fs/binfmt_misc/$binfmt_entry" || true
     fi
-    if [ -n "$binfmt_mounted" ]; then
+    # Unmounted again only if no one else registered anything meanwhile.
+    if [ -n "$binfmt_mounted" ] && [ "$(find /proc/sys/fs/binfmt_misc -mindepth 1 | wc -l)" -le 2 ]; then
         umount /proc/sys/fs/binfmt_misc || true
     fi
     local left
@@ -129,18 +137,23 @@ if [ -n "${QUILLON_I386_ROOT_CACHE:-}" ]; then
         echo "waiting for another run that uses $cache..." >&2
         flock 9
     }
+    base=$cache
     root=$cache/root
 else
     made_root=$(mktemp -d /var/tmp/quillon-i386.XXXXXX)
+    base=$made_root
     root=$made_root/root
 fi
 
 # Where the kernel has no IA-32 emulation (or it is switched off, as on some
 # virtual machines), qemu's user-mode emulator runs the root's programs. The
 # registration opens the emulator at once (flag F), so it works in the chroot
-# without a copy inside it, and is removed again at the end.
+# without a copy inside it, and is removed again at the end. An emulator that
+# someone else registered may be removed at any moment: then this run
+# registers its own.
 i386_runs() {
-    chroot "$1" /bin/true 2>/dev/null
+    ! grep -qs '^magic 7f454c4601010100000000000000000002000300' /proc/sys/fs/binfmt_misc/* &&
+        chroot "$1" /bin/true 2>/dev/null
 }
 register_qemu() {
     local qemu=/usr/bin/qemu-i386-static
@@ -189,7 +202,10 @@ in_root() {
     unshare --pid --fork --kill-child --mount --mount-proc="$root/proc" \
         linux32 chroot "$root" /usr/bin/env -i \
         PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin \
-        HOME=/root LANG=C.UTF-8 TERM="${TERM:-dumb}" "$@"
+        HOME=/root LANG=C.UTF-8 TERM="${TERM:-dumb}" "$@" &
+    # Waited for in the background: the command is the namespace's init, which
+    # ignores Ctrl-C, and a trap runs at once only while the shell waits.
+    wait $!
 }
 
 cp -L /etc/resolv.conf "$root/etc/resolv.conf"
@@ -202,8 +218,7 @@ in_root dpkg --configure -a
 in_root /src/tools/install-deps.sh
 # Under the emulator, programs need the fixes of tools/qemu-i386-tls.c
 # preloaded (thread identity after a signal, QProcess); natively, nothing.
-if [ -n "$binfmt_entry" ] ||
-    grep -qs '^magic 7f454c4601010100000000000000000002000300' /proc/sys/fs/binfmt_misc/*; then
+if [ -n "$binfmt_entry" ]; then
     in_root gcc -O2 -Wall -Werror -shared -fPIC -o /usr/local/lib/qemu-i386-tls.so \
         /src/tools/qemu-i386-tls.c -ldl
     echo /usr/local/lib/qemu-i386-tls.so >"$root/etc/ld.so.preload"
