@@ -41,7 +41,7 @@ void FakeHttpServer::serve(QTcpSocket *socket) {
         respond(socket, request.headers.value("range"),
                 !queue.isEmpty() ? queue.dequeue()
                 : handler        ? handler(request)
-                                 : HttpResponse::with(404, "no answer scripted"));
+                                 : HttpResponse(404, "no answer scripted"));
     }
     socket->setProperty("buffer", buffer);
 }

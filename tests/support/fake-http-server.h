@@ -13,22 +13,19 @@ struct HttpRequest {
     QHash<QByteArray, QByteArray> headers; // names in lower case
 };
 
-// One scripted answer, e.g. HttpResponse::with(200, data).honourRange().stall(4096);
+// One scripted answer, e.g. HttpResponse(200, data).honourRange().stall(4096);
 // stall(0) holds back the whole body, for a time-out.
 struct HttpResponse {
-    int status = 200;
+    explicit HttpResponse(int code = 200, const QByteArray &content = QByteArray())
+        : status(code), body(content) {}
+
+    int status;
     QList<QPair<QByteArray, QByteArray>> headers;
     QByteArray body;
     bool ranged = false;    // "Range: bytes=N-" is answered with 206 from byte N
     bool length = true;     // a Content-Length header is added
     qint64 stallAfter = -1; // only the head and this many body bytes go out
 
-    static HttpResponse with(int status, const QByteArray &body = QByteArray()) {
-        HttpResponse r;
-        r.status = status;
-        r.body = body;
-        return r;
-    }
     HttpResponse &header(const QByteArray &name, const QByteArray &value) {
         headers.append(qMakePair(name, value));
         return *this;
