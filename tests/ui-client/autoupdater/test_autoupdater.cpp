@@ -89,19 +89,6 @@ class TestAutoUpdater : public QObject {
     QList<int> codes;
     QStringList errors; // "<code>: <reason>"
 
-    // Runs an update through the event loop; the result is the exit status.
-    int run(AutoUpdater &updater, bool viaProxy = false) {
-        updater.setUpdateServerHost(server->url("/q"));
-        updater.setTempPath(dir->path());
-        updater.setProxy(proxyAt(viaProxy ? server.get() : nullptr));
-        // Each unanswered request costs one time-out.
-        updater.findChild<UpdateQuerier *>()->setTimeout(200);
-        updater.findChild<UpdateDownloader *>()->setTimeout(200);
-        QTimer::singleShot(60000, &updater, [] { QCoreApplication::exit(-99); });
-        updater.update();
-        return QCoreApplication::exec();
-    }
-
 private slots:
     void initTestCase() { StrTable::InitStrTable(); }
 
@@ -465,7 +452,16 @@ private slots:
         });
 
         QFETCH(bool, proxy);
-        QTEST(run(updater, proxy), "status");
+        updater.setUpdateServerHost(server->url("/q"));
+        updater.setTempPath(dir->path());
+        updater.setProxy(proxyAt(proxy ? server.get() : nullptr));
+        // Each unanswered request costs one time-out.
+        updater.findChild<UpdateQuerier *>()->setTimeout(200);
+        downloader->setTimeout(200);
+        QTimer::singleShot(60000, &updater, [] { QCoreApplication::exit(-99); });
+
+        updater.update();
+        QTEST(QCoreApplication::exec(), "status");
         int proxied = 0;
         for (const HttpRequest &request : server->requests)
             proxied += !request.target.startsWith('/');
