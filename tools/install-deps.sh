@@ -11,6 +11,7 @@ packages=(
     xvfb xauth x11-utils trayer xdotool imagemagick librsvg2-bin
     fonts-dejavu-core fonts-droid-fallback  # Latin and CJK glyphs for the tray texts
     nginx-light tinyproxy curl procps psmisc python3
+    time  # GNU time: the peak memory figures of bench/program
     openssl  # the HTTPS system tests make their CA and certificates at run time
     libfaketime  # runs the updater's clock fast in the stall time-out tests
     libssl-dev python3-cryptography  # signed answers: the updater's check, the publisher's keys
