@@ -113,7 +113,6 @@ private slots:
         QTest::newRow("1 MiB and a byte") << HttpResponse(200, jsonOfSize(MiB + 1)) << 0 << 4;
         QTest::newRow("an endless answer is cut off as it arrives")
             << unframed(200, jsonOfSize(8 * MiB)).stall(MiB + 64 * 1024) << 0 << 4;
-        QTest::newRow("time-out, direct: network") << silence << 0 << 1;
         QTest::newRow("time-out, default proxy: proxy") << silence << 1 << 2;
         QTest::newRow("404") << HttpResponse(404) << 0 << 3;
         QTest::newRow("500") << HttpResponse(500) << 0 << 5;
