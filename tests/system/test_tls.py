@@ -50,8 +50,9 @@ class HttpsTest(SystemTestCase):
 
     def test_updates_with_the_private_ca(self):
         """Updater and pack arrive and are handed off; a missing folder in
-        SSL_CERT_DIR is only warned about, and through tinyproxy, with the CA
-        in SSL_CERT_FILE, every connection is a CONNECT tunnel."""
+        SSL_CERT_DIR is only warned about, and a partial pack is resumed over
+        TLS; through tinyproxy, with the CA in SSL_CERT_FILE, every connection
+        is a CONNECT tunnel."""
         (self.certs / "cas").mkdir(exist_ok=True)
         shutil.copy(self.certs / "ca.pem", self.certs / "cas")
         missing = self.test_dir / "no-cas"
@@ -63,12 +64,16 @@ class HttpsTest(SystemTestCase):
                 data = harness.pack_bytes(700 * KIB, seed=11)
                 site, installation, record = self.offer(data)
                 saved = installation.save_path(PACK)
+                resume = "" if proxy_args else "bytes=300000-"
+                if resume:
+                    partial_path(saved).write_bytes(data[:300000])
 
                 self.run_program(installation, installation.client_arguments(**proxy_args),
                                  extra_env=env)
                 self.assertHandedOff(installation, record, b"--update-pack-path", bytes(saved))
                 self.assertEqual(saved.read_bytes(), data)
-                self.assertEqual(fetched(site), [(UPDATER, "", 200), (PACK, "", 200)])
+                self.assertEqual(fetched(site), [(UPDATER, "", 200),
+                                                 (PACK, resume, 206 if resume else 200)])
                 self.assertEqual(installation.log_messages("WARNING"), [
                     f"No certificate read from SSL_CERT_DIR '{missing}', ignored."] * (
                     not proxy_args))
