@@ -1,6 +1,6 @@
 #include "stream-digest.h"
 
-StreamDigest::StreamDigest() : md5(QCryptographicHash::Md5), sha256(QCryptographicHash::Sha256) {}
+StreamDigest::StreamDigest() = default;
 
 StreamDigest::~StreamDigest() {
     {

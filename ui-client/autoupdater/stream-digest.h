@@ -1,6 +1,8 @@
 #ifndef QUILLON_AUTOUPDATER_STREAM_DIGEST_H
 #define QUILLON_AUTOUPDATER_STREAM_DIGEST_H
 
+#include "md5.h"
+
 #include <QByteArray>
 #include <QCryptographicHash>
 
@@ -48,8 +50,8 @@ private:
     bool stopping = false;
     bool with_sha256 = false;
     qint64 added = 0;
-    QCryptographicHash md5;
-    QCryptographicHash sha256;
+    Md5 md5;
+    QCryptographicHash sha256{QCryptographicHash::Sha256};
     std::thread worker;
 };
 

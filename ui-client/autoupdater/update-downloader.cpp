@@ -1,6 +1,7 @@
 #include "update-downloader.h"
 
 #include "log/log.h"
+#include "md5.h"
 #include "tls-trust.h"
 
 #include <QCryptographicHash>
@@ -358,7 +359,10 @@ void UpdateDownloader::readyRead() {
     timer->start(getTimeout());
     if (body_action == BodyAction::Undecided)
         examineAnswer();
-    const QByteArray data = reply->readAll();
+    // Not readAll(), which copies into a new array: asked for exactly what
+    // is there, the reply hands over the array it received, when that is all
+    // it holds, and the bytes are neither copied nor freshly paged in.
+    const QByteArray data = reply->read(reply->bytesAvailable());
     if (body_action != BodyAction::Write)
         return;
 
@@ -586,7 +590,7 @@ bool UpdateDownloader::isChecksumMatched(const QString &file_path, const QString
     // The size is known without reading: a file of another size is not read.
     if (size >= 0 && file->size() != size)
         return false;
-    QCryptographicHash hash(QCryptographicHash::Md5);
+    Md5 hash;
     QCryptographicHash sha256_hash(QCryptographicHash::Sha256);
     QByteArray chunk(static_cast<int>(HASH_CHUNK_SIZE), Qt::Uninitialized);
     qint64 total = 0;
