@@ -7,6 +7,10 @@
 
 #include <csignal>
 
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
+
 #include "log/log.h"
 #include "tesslocale.h"
 #include "texts/strtab.h"
@@ -24,6 +28,27 @@ QTranslator *languageTranslator = nullptr;
 const int LOG_ROTATE_COUNT = 50;
 
 } // namespace
+
+void initializeAllocator() {
+#ifdef __GLIBC__
+    if (qEnvironmentVariable("GLIBC_TUNABLES").contains(QLatin1String("glibc.malloc.")) ||
+        qEnvironmentVariableIsSet("MALLOC_TRIM_THRESHOLD_") ||
+        qEnvironmentVariableIsSet("MALLOC_MMAP_THRESHOLD_"))
+        return;
+    // The network thread receives a download in chunks of up to 256 KiB,
+    // which are freed on other threads once written and hashed. By default
+    // glibc maps chunks that size on their own, and once it has raised that
+    // limit it still returns the free end of the network thread's heap to
+    // the system whenever it passes twice a chunk: every few chunks the next
+    // ones fault their pages in afresh, each fault a zeroed page (and on a
+    // virtual machine often a trip to the host). On a 1 GiB pack that took a
+    // third more processor time than the rest of the run. Fixed limits keep
+    // the few chunks in flight inside the heap, reused from one to the next.
+    // 512 KiB is also the highest mapping limit glibc accepts on 32-bit x86.
+    mallopt(M_MMAP_THRESHOLD, 512 * 1024);
+    mallopt(M_TRIM_THRESHOLD, 2 * 1024 * 1024);
+#endif
+}
 
 void registerPaths(const QString &executable_dir) {
     // The installation is <root>/<app>/bin/autoupdater with the client's data

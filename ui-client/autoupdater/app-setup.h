@@ -7,6 +7,12 @@
 
 class QApplication;
 
+// Keeps the memory that carries a download's data in the allocator between
+// chunks instead of handing it back to the system and faulting it in again
+// for the next one. Called first, before any thread starts. Someone who tunes
+// the allocator through the environment keeps their settings.
+void initializeAllocator();
+
 // Paths: registers "resource_path", "user_data_path" and "log_path", all
 // derived from the folder that holds the running executable.
 void initializePaths();

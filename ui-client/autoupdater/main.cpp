@@ -24,6 +24,7 @@ const char *const LOG_COMPONENT = "auto_updater";
 } // namespace
 
 int main(int argc, char *argv[]) {
+    initializeAllocator();
     std::setlocale(LC_ALL, "");
 
     // Registered before main already; once more here so a build that drops the

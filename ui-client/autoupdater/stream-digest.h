@@ -22,7 +22,7 @@
 // starts it.
 class StreamDigest {
 public:
-    static const qint64 MAX_QUEUED = 1024 * 1024;
+    static const qint64 MAX_QUEUED = 256 * 1024;
 
     StreamDigest();
     ~StreamDigest();

@@ -32,10 +32,10 @@ const qint64 HASH_CHUNK_SIZE = 1024 * 1024;
 // How much received data the network library may hold before it stops
 // reading from the connection until readyRead() has drained it. Without a
 // limit it reads as fast as the peer sends, and a fast server fills memory
-// with data the disk has not taken yet. Smaller steps cost more in event
-// handling than they save: at 256 KiB a 1 GiB pack took a quarter longer for
-// 3 MiB less at the peak.
-const qint64 READ_BUFFER_SIZE = 1024 * 1024;
+// with data the disk has not taken yet. It is also the size of the chunks the
+// data arrives in: small enough that the allocator recycles them (see
+// initializeAllocator()), large enough that a chunk costs little in events.
+const qint64 READ_BUFFER_SIZE = 256 * 1024;
 
 bool isScheme(const QUrl &url, const char *scheme) {
     return url.scheme().compare(QLatin1String(scheme), Qt::CaseInsensitive) == 0;
