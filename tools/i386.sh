@@ -5,6 +5,11 @@
 # long and pointers are narrower than on the machine it is developed on.
 #
 #   tools/i386.sh
+#   tools/i386.sh --bench [bench/program/run.py's arguments]
+#
+# With --bench it builds the same way but runs the program benchmarks
+# (bench/program/run.py) in the root instead of the suites, with --emulated
+# when the programs run under qemu.
 #
 # Needs root (debootstrap, chroot, mount) and debootstrap. Where the kernel
 # cannot run 32-bit programs itself (no IA-32 emulation, or switched off at
@@ -22,6 +27,13 @@ set -euo pipefail
 # shellcheck disable=SC2317 # the functions run from traps
 {
 top=$(cd "$(dirname "$0")/.." && pwd)
+
+bench=0
+if [ "${1:-}" = --bench ]; then
+    bench=1
+    shift
+fi
+[ "$bench" = 1 ] || [ $# -eq 0 ] || { echo "usage: tools/i386.sh [--bench [ARGS...]]" >&2; exit 2; }
 
 die() {
     echo "tools/i386.sh: $*" >&2
@@ -232,6 +244,10 @@ in_root sh -c 'id quillon-planter >/dev/null 2>&1 ||
 jobs=$(nproc)
 in_root cmake -S /src -B /build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUILLON_WERROR=ON
 in_root cmake --build /build -j "$jobs"
+if [ "$bench" = 1 ]; then
+    in_root python3 /src/bench/program/run.py --build /build ${binfmt_entry:+--emulated} "$@"
+    exit
+fi
 in_root ctest --test-dir /build --output-on-failure -j "$jobs"
 echo "i386: every test passed"
 exit
