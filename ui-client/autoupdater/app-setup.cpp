@@ -41,9 +41,9 @@ void initializeAllocator() {
     // limit it still returns the free end of the network thread's heap to
     // the system whenever it passes twice a chunk: every few chunks the next
     // ones fault their pages in afresh, each fault a zeroed page (and on a
-    // virtual machine often a trip to the host). On a 1 GiB pack that took a
-    // third more processor time than the rest of the run. Fixed limits keep
-    // the few chunks in flight inside the heap, reused from one to the next.
+    // virtual machine often a trip to the host). A 1 GiB pack took a quarter
+    // to a half more processor time that way. Fixed limits keep the few
+    // chunks in flight inside the heap, reused from one to the next.
     // 512 KiB is also the highest mapping limit glibc accepts on 32-bit x86.
     mallopt(M_MMAP_THRESHOLD, 512 * 1024);
     mallopt(M_TRIM_THRESHOLD, 2 * 1024 * 1024);
