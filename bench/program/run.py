@@ -92,8 +92,8 @@ def timed(argv, env, cwd, scratch, emulated=False):
     watchdog = threading.Timer(600, process.kill)
     watchdog.start()
     done, guest_peak = threading.Event(), [0]
-    sampler = threading.Thread(target=sample_guest_peak, args=(process.pid, done, guest_peak))
     if emulated:
+        sampler = threading.Thread(target=sample_guest_peak, args=(process.pid, done, guest_peak))
         sampler.start()
     try:
         status = process.wait()

@@ -1,7 +1,5 @@
 #include "stream-digest.h"
 
-StreamDigest::StreamDigest() = default;
-
 StreamDigest::~StreamDigest() {
     {
         std::lock_guard<std::mutex> lock(mutex);

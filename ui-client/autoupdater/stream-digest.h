@@ -24,7 +24,7 @@ class StreamDigest {
 public:
     static const qint64 MAX_QUEUED = 256 * 1024;
 
-    StreamDigest();
+    StreamDigest() = default;
     ~StreamDigest();
     StreamDigest(const StreamDigest &) = delete;
     StreamDigest &operator=(const StreamDigest &) = delete;
