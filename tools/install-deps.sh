@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
     build-essential cmake ninja-build pkg-config git
     qtbase5-dev qttools5-dev-tools qttools5-dev libqt5svg5-dev
-    libsqlite3-dev sqlite3 libicu-dev
+    libsqlite3-dev sqlite3 libicu-dev libfontconfig-dev
     clang libclang-rt-14-dev
     xvfb xauth x11-utils trayer xdotool imagemagick librsvg2-bin
     fonts-dejavu-core fonts-droid-fallback  # Latin and CJK glyphs for the tray texts

@@ -3,9 +3,12 @@
 #include <QApplication>
 #include <QDir>
 #include <QFile>
+#include <QGuiApplication>
 #include <QTranslator>
 
 #include <csignal>
+
+#include <fontconfig/fontconfig.h>
 
 #ifdef __GLIBC__
 #include <malloc.h>
@@ -95,4 +98,16 @@ void initializeLanguage(QApplication &app) {
         app.installTranslator(languageTranslator);
     }
     StrTable::InitStrTable();
+}
+
+void releaseUnusedFontConfiguration() {
+    // Any window may have drawn text, and so have loaded the configuration
+    // that Qt is about to destroy: then there is nothing to save.
+    if (!QGuiApplication::allWindows().isEmpty())
+        return;
+    FcConfig *empty = FcConfigCreate();
+    if (empty == nullptr)
+        return;
+    FcConfigSetCurrent(empty); // takes a reference of its own
+    FcConfigDestroy(empty);
 }

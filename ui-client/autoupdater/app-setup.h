@@ -36,4 +36,13 @@ QString getCurrentLanguageFileName();
 // paths and the logger exist and before any window or text is made.
 void initializeLanguage(QApplication &app);
 
+// Qt's font database, when the application object goes, destroys fontconfig's
+// current configuration, and fontconfig loads one first if nothing has: every
+// fonts.conf and font cache on the system, parsed at exit. A run that never
+// showed a window has drawn no text and loaded none, so this hands fontconfig
+// an empty configuration for Qt to destroy instead. Called after the event
+// loop, while the controller (and so its tray icon) still exists; after any
+// window it leaves fontconfig alone.
+void releaseUnusedFontConfiguration();
+
 #endif

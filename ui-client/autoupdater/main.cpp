@@ -186,5 +186,7 @@ int main(int argc, char *argv[]) {
     QObject::connect(&app, &QtSingleApplication::messageReceived, &updater,
                      &AutoUpdater::terminate);
 
-    return app.exec();
+    const int status = app.exec();
+    releaseUnusedFontConfiguration();
+    return status;
 }
