@@ -305,7 +305,8 @@ class TinyProxy(Server):
 UPDATER_SCRIPT = """#!/bin/bash
 record={record}
 echo $$ >> "$record.starts"
-printf '%s\\0' "$(pwd -P)" "$@" > "$record.$$"
+policy=$(chrt -p $$ | sed -n 's/.*policy: //p')
+printf '%s\\0' "$policy" "$(pwd -P)" "$@" > "$record.$$"
 mv "$record.$$" "$record"
 """
 
@@ -322,7 +323,9 @@ class UpdaterRecord:
     def wait(self, timeout=20):
         """(working directory, [arguments]) as bytes, exactly as received."""
         wait_for(self.started, timeout, f"the updater to write {self.path}")
-        cwd, *args = self.path.read_bytes()[:-1].split(b"\0")
+        policy, cwd, *args = self.path.read_bytes()[:-1].split(b"\0")
+        # The updater, and the client it starts, run as the client did.
+        assert policy == b"SCHED_OTHER", f"the updater runs under {policy}"
         return cwd, args
 
 

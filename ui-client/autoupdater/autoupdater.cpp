@@ -3,6 +3,7 @@
 #include "answer-signature.h"
 #include "dpiinfo.h"
 #include "log/log.h"
+#include "scheduling.h"
 #include "texts/strtab.h"
 #include "update-info.h"
 
@@ -475,6 +476,8 @@ void AutoUpdater::runUpdater() {
 
     QLOG_DEBUG(LOG_COMPONENT, "Start running updater with commmand: %s %s", qUtf8Printable(program),
                qUtf8Printable(arguments.join(QLatin1Char(' '))));
+    // The updater starts with the scheduling the client had, not this run's.
+    leaveBackgroundScheduling();
     // A list, not a shell command line: nothing is quoted, split or expanded.
     if (!QProcess::startDetached(program, arguments, QStringLiteral("/")))
         QLOG_ERROR(LOG_COMPONENT, "Fail to start updater.");

@@ -2,6 +2,7 @@
 #include "autoupdater.h"
 #include "log/log.h"
 #include "qtsingleapplication.h"
+#include "scheduling.h"
 #include "system-db/system-db-data.h"
 #include "system-db/system-db.h"
 #include "uipathmanager.h"
@@ -25,6 +26,7 @@ const char *const LOG_COMPONENT = "auto_updater";
 
 int main(int argc, char *argv[]) {
     initializeAllocator();
+    enterBackgroundScheduling();
     std::setlocale(LC_ALL, "");
 
     // Registered before main already; once more here so a build that drops the
