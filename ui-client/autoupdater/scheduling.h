@@ -10,7 +10,7 @@
 // on two cores took 2-4 % less processor time, and as much or a little less
 // wall time, side by side with the normal policy over 14-30 rounds.
 //
-// Called first in main(), before any thread starts, so that every thread
+// Called at the start of main(), before any thread starts, so that every thread
 // inherits the policy. A process started under another policy than the
 // normal one keeps it.
 void enterBackgroundScheduling();
