@@ -17,8 +17,14 @@ must be built).
 
   bench/program/run.py [start|update ...] [--build BUILD_DIR] [--rounds N]
                        [--pack-mib M] [--verbose] [--emulated]
+                       [--heaptrack FILE]
 
 The figures are wall times: run it by hand, on a quiet machine.
+
+--heaptrack FILE first runs the update once under heaptrack, recording to
+FILE.zst (or .gz), and prints the peak of its heap. That is a small part of
+the peak resident memory: the rest is mapped libraries, which /proc/PID/smaps
+lists with what each one holds.
 
 --emulated is for programs that run under qemu's user-mode emulator, as in
 the 32-bit root of `tools/i386.sh --bench`. There GNU time's peak would be
@@ -135,6 +141,25 @@ def alternate(name, runs, rounds, verbose, scratch, emulated=()):
     return statistics.median(ratios), max(k for _, k in results[labels[0]]) / 1024
 
 
+def heap_peak(argv, env, cwd, record, before):
+    """Runs the program once under heaptrack, recording to RECORD.zst (or .gz), and
+    prints the peak of its heap as heaptrack_print reports it."""
+    before()
+    files = [record.with_name(record.name + suffix) for suffix in (".zst", ".gz")]
+    for stale in files:  # which one heaptrack writes depends on how it was built
+        stale.unlink(missing_ok=True)
+    status = subprocess.run(["heaptrack", "-o", str(record), *argv], env=env, cwd=cwd,
+                            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL).returncode
+    if status != 0:
+        sys.exit(f"under heaptrack the program exited with {status}")
+    data = next(path for path in files if path.exists())
+    report = subprocess.run(["heaptrack_print", str(data)], check=True, capture_output=True,
+                            text=True).stdout
+    heap = [line.split(":")[1].strip() for line in report.splitlines()
+            if line.startswith("peak heap memory consumption:")]
+    print(f"under heaptrack: peak heap {heap[0] if heap else '?'}, recorded in {data}")
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
     parser.add_argument("what", nargs="*", help="start, update, or both (the default)")
@@ -145,10 +170,14 @@ def main():
     parser.add_argument("--verbose", action="store_true", help="print every round's times")
     parser.add_argument("--emulated", action="store_true",
                         help="the programs run under qemu-user: report their own peak")
+    parser.add_argument("--heaptrack", type=Path, metavar="FILE",
+                        help="record one update under heaptrack to FILE.zst (or .gz) first")
     args = parser.parse_args()
     args.what = args.what or ["start", "update"]
     if set(args.what) - {"start", "update"}:
         parser.error("measure start, update, or both")
+    if args.heaptrack and (args.emulated or not shutil.which("heaptrack")):
+        parser.error("--heaptrack needs heaptrack (apt-get install heaptrack), and no --emulated")
     build = args.build.resolve()
     baseline = build / "bench" / "program" / "startup-baseline"
     if not baseline.exists():
@@ -209,12 +238,15 @@ def main():
             reference = ["sh", "-c", 'curl -s -o "$1" "$2" && md5sum "$1" >/dev/null', "ref",
                          str(fetched), pack["url"]]
             rounds = args.rounds or 5
+            if args.heaptrack:
+                heap_peak(program, env, installation.home, args.heaptrack.resolve(), clean)
             ratio, peak = alternate(f"update with a {args.pack_mib} MiB pack", {
                 "updater, full update": (program, env, installation.home, clean),
                 "curl -o && md5sum": (reference, env, installation.home, clean),
             }, rounds, args.verbose, work, ("updater, full update",) if args.emulated else ())
-            if record.starts() != rounds + 1:  # each run must really have ended in a hand-off
-                sys.exit(f"the updater was started {record.starts()} times in {rounds + 1} runs")
+            runs = rounds + 1 + bool(args.heaptrack)
+            if record.starts() != runs:  # each run must really have ended in a hand-off
+                sys.exit(f"the updater was started {record.starts()} times in {runs} runs")
             verdict |= (not args.emulated and ratio > 0.70) or peak > 40
         return verdict
     finally:
