@@ -152,7 +152,9 @@ def heap_peak(argv, env, cwd, record, before):
                             stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL).returncode
     if status != 0:
         sys.exit(f"under heaptrack the program exited with {status}")
-    data = next(path for path in files if path.exists())
+    data = next((path for path in files if path.exists()), None)
+    if data is None:
+        sys.exit(f"heaptrack wrote no {files[0]} nor {files[1]}")
     report = subprocess.run(["heaptrack_print", str(data)], check=True, capture_output=True,
                             text=True).stdout
     heap = [line.split(":")[1].strip() for line in report.splitlines()
